@@ -1,0 +1,60 @@
+#!/usr/bin/env bash
+# One entry point for a fresh Debian machine (run as root):
+#   ./run.sh sim [args...]   install, build, run the simulator (built-in scenario by default)
+#   ./run.sh test            install, build, run every test; then the same tests under ASan+UBSan
+#   ./run.sh bench           install, build, run the benchmarks
+# Set ULONAT_LONG=1 for the long crash/soak modes of the tests.
+set -euo pipefail
+cd "$(dirname "$0")"
+
+DEBIAN_PACKAGES=(build-essential cmake pkg-config libfmt-dev libgtest-dev libgmock-dev
+                 libbenchmark-dev nlohmann-json3-dev libcli11-dev liblmdb-dev libboost-dev)
+
+install_packages() {
+  local missing=()
+  for p in "${DEBIAN_PACKAGES[@]}"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+  done
+  if ((${#missing[@]})); then
+    echo "run.sh: installing ${missing[*]}"
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get update -qq
+    apt-get install -y -qq --no-install-recommends "${missing[@]}"
+  fi
+}
+
+JOBS=$(nproc)
+
+build() { # build <dir> [cmake args...]
+  local dir=$1; shift
+  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+  cmake --build "$dir" -j "$JOBS"
+}
+
+cmd=${1:-}
+shift || true
+case "$cmd" in
+  sim)
+    install_packages
+    build build -DULONAT_BUILD_TESTS=OFF -DULONAT_BUILD_BENCH=OFF
+    exec ./build/tools/ulonat-sim/ulonat-sim "$@" 2>/dev/null || exec ./build/tools/ulonat-sim "$@"
+    ;;
+  test)
+    install_packages
+    build build -DULONAT_BUILD_BENCH=OFF
+    (cd build && ctest --output-on-failure -j "$JOBS")
+    if [[ "${ULONAT_SKIP_SANITIZERS:-0}" != 1 ]]; then
+      build build-asan -DULONAT_SANITIZE=ON -DULONAT_BUILD_BENCH=OFF -DULONAT_BUILD_TOOLS=ON
+      (cd build-asan && ctest --output-on-failure -j "$JOBS")
+    fi
+    ;;
+  bench)
+    install_packages
+    build build-bench -DCMAKE_BUILD_TYPE=Release -DULONAT_BUILD_TESTS=OFF
+    for b in build-bench/bench/*_bench; do echo "== $b"; "$b" "$@"; done
+    ;;
+  *)
+    echo "usage: $0 sim [args...] | test | bench" >&2
+    exit 2
+    ;;
+esac
