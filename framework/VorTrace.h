@@ -26,6 +26,7 @@
 // are guarded by a mutex, since the shared-memory table traces from the
 // programmer's threads too.
 
+#include <fmt/args.h>
 #include <fmt/format.h>
 
 #include <cstdint>
