@@ -30,6 +30,7 @@
 #include <fmt/format.h>
 
 #include <cstdint>
+#include <atomic>
 #include <functional>
 #include <mutex>
 #include <sstream>
