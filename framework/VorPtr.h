@@ -18,6 +18,8 @@
 //     handleZeroRef() itself.
 
 #include <atomic>
+#include <cstddef>
+#include <type_traits>
 #include <cstdint>
 #include <utility>
 #include <vector>
@@ -124,6 +126,9 @@ class Ptr {
       return *this;
    }
    void swap(Ptr& o) noexcept { std::swap(p_, o.p_); }
+   // Forgets the object without dropping its reference. Only for an object
+   // that is being destroyed by other means.
+   void release() noexcept { p_ = nullptr; }
 
    T* ptr() const { return p_; }
    T* operator->() const { return p_; }
