@@ -1,0 +1,253 @@
+// Tests of Vor::HashMap, Vor::HashMap2018 and Vor::HashSet.
+
+#include "framework/VorHashMap.h"
+#include "framework/VorHashMap2018.h"
+#include "framework/VorPtr.h"
+#include "framework/VorSet.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace {
+
+// A value type key with its own hash, as the NAT records have.
+struct Endpoint {
+   Vor::U32 addr;
+   Vor::U16 port;
+   bool operator==(Endpoint const&) const = default;
+   Vor::U32 hash(Vor::U32 seed) const { return Vor::hashMix(Vor::hashMix(seed, addr), port); }
+};
+
+// A value that is neither default-constructible nor copyable.
+struct Counted {
+   static inline int alive = 0;
+   explicit Counted(int v) : v(v) { ++alive; }
+   Counted(Counted&& o) noexcept : v(o.v) { ++alive; }
+   Counted& operator=(Counted&& o) noexcept {
+      v = o.v;
+      return *this;
+   }
+   Counted(Counted const&) = delete;
+   ~Counted() { --alive; }
+   int v;
+};
+
+class Shared : public Vor::PtrInterface {
+ public:
+   static inline int alive = 0;
+   explicit Shared(int v) : v(v) { ++alive; }
+   ~Shared() override { --alive; }
+   int v;
+};
+
+template <typename Map>
+std::map<int, int> contents(Map const& m) {
+   std::map<int, int> out;
+   for (auto const& e : m) {
+      EXPECT_TRUE(out.emplace(e.key(), e.value()).second) << "key " << e.key() << " visited twice";
+   }
+   return out;
+}
+
+template <typename T>
+class HashMapFamily : public ::testing::Test {};
+using MapTypes = ::testing::Types<Vor::HashMap<int, int>, Vor::HashMap2018<int, int>>;
+TYPED_TEST_SUITE(HashMapFamily, MapTypes);
+
+TYPED_TEST(HashMapFamily, BasicOperationsKeepTheirContracts) {
+   TypeParam m;
+   EXPECT_TRUE(m.empty());
+   EXPECT_EQ(m.find(1), nullptr);
+   EXPECT_FALSE(m.erase(1));
+   EXPECT_TRUE(m.begin().done());
+
+   auto [v, added] = m.insert(1, 10);
+   ASSERT_TRUE(added);
+   EXPECT_EQ(*v, 10);
+   auto [v2, added2] = m.insert(1, 11); // no overwrite
+   EXPECT_FALSE(added2);
+   EXPECT_EQ(v2, v);
+   EXPECT_EQ(*m.find(1), 10);
+   EXPECT_EQ(m.insertOrAssign(1, 12), 12);
+   EXPECT_EQ(*m.find(1), 12);
+   EXPECT_EQ(m.insertOrAssign(2, 20), 20);
+   EXPECT_EQ(*m.emplace(3, 30).first, 30);
+   EXPECT_EQ(m.size(), 3u);
+   EXPECT_TRUE(m.contains(2));
+   auto const before = m.version();
+   EXPECT_TRUE(m.erase(2));
+   EXPECT_GT(m.version(), before);
+   EXPECT_FALSE(m.contains(2));
+   EXPECT_EQ(contents(m), (std::map<int, int>{{1, 12}, {3, 30}}));
+   m.clear();
+   EXPECT_TRUE(m.empty());
+   EXPECT_TRUE(m.begin().done());
+   m.insert(4, 40); // usable after clear
+   EXPECT_EQ(*m.find(4), 40);
+}
+
+TYPED_TEST(HashMapFamily, RandomOperationsMatchStdUnorderedMap) {
+   TypeParam m;
+   std::unordered_map<int, int> ref;
+   std::mt19937 rng(7);
+   // Phases grow to many members, then shrink to few, across resizes.
+   for (int phase = 0; phase < 4; ++phase) {
+      int const range = phase % 2 == 0 ? 20000 : 200;
+      int const eraseBias = phase < 2 ? 3 : 7; // out of 10
+      for (int i = 0; i < 60000; ++i) {
+         int const k = static_cast<int>(rng() % range);
+         int const op = static_cast<int>(rng() % 10);
+         if (op < eraseBias) {
+            EXPECT_EQ(m.erase(k), ref.erase(k) == 1);
+         } else if (op == 9) {
+            m.insertOrAssign(k, i);
+            ref[k] = i;
+         } else {
+            EXPECT_EQ(m.insert(k, i).second, ref.emplace(k, i).second);
+         }
+         auto const* found = m.find(k);
+         auto const it = ref.find(k);
+         ASSERT_EQ(found != nullptr, it != ref.end());
+         if (found) ASSERT_EQ(*found, it->second);
+      }
+      ASSERT_EQ(m.size(), ref.size());
+      EXPECT_EQ(contents(m), std::map<int, int>(ref.begin(), ref.end()));
+   }
+}
+
+TYPED_TEST(HashMapFamily, ErasingOtherMembersDuringAWalkVisitsTheRestOnce) {
+   TypeParam m;
+   for (int k = 0; k < 1000; ++k) m.insert(k, k);
+   std::set<int> visited, erased;
+   for (auto it = m.begin(); it; ++it) {
+      int const k = it.key();
+      EXPECT_FALSE(erased.count(k)) << "visited erased member " << k;
+      EXPECT_TRUE(visited.insert(k).second);
+      // Erase a partner that the walk may or may not have reached.
+      int const partner = (k * 7 + 3) % 1000;
+      if (partner != k && m.erase(partner)) erased.insert(partner);
+   }
+   for (int k = 0; k < 1000; ++k) {
+      EXPECT_TRUE(visited.count(k) || erased.count(k)) << k;
+   }
+}
+
+TEST(HashMap, ValueTypeAndStringKeys) {
+   Vor::HashMap<Endpoint, std::string> byEndpoint;
+   Vor::HashMap<Vor::String, int> byName;
+   Vor::HashMap<std::string, int> byStdName;
+   for (Vor::U32 i = 0; i < 500; ++i) {
+      byEndpoint.insert(Endpoint{i, static_cast<Vor::U16>(i % 7)}, std::to_string(i));
+      byName.insert(Vor::format("eth%u", i), static_cast<int>(i));
+      byStdName.insert("eth" + std::to_string(i), static_cast<int>(i));
+   }
+   EXPECT_EQ(*byEndpoint.find(Endpoint{42, 0}), "42");
+   EXPECT_EQ(byEndpoint.find(Endpoint{42, 1}), nullptr);
+   EXPECT_EQ(*byName.find("eth499"), 499);
+   EXPECT_EQ(byName.find("eth500"), nullptr);
+   EXPECT_EQ(*byStdName.find("eth7"), 7);
+}
+
+TEST(HashMap, ValuesNeedNoDefaultConstructorAndAreDestroyedOnce) {
+   {
+      Vor::HashMap<int, Counted> m;
+      for (int k = 0; k < 100; ++k) m.emplace(k, k);
+      EXPECT_EQ(Counted::alive, 100);
+      EXPECT_EQ(m.find(5)->v, 5);
+      m.insertOrAssign(5, Counted(55));
+      EXPECT_EQ(m.find(5)->v, 55);
+      for (int k = 0; k < 50; ++k) m.erase(k);
+      EXPECT_EQ(Counted::alive, 50);
+      Vor::HashMap<int, Counted> moved(std::move(m));
+      EXPECT_EQ(moved.size(), 50u);
+      EXPECT_EQ(Counted::alive, 50);
+   }
+   EXPECT_EQ(Counted::alive, 0);
+}
+
+TEST(HashMap, PtrValueOutlivesItsMemberWhileHeld) {
+   Vor::HashMap<int, Vor::Ptr<Shared>> m;
+   m.insert(1, Vor::Ptr<Shared>(new Shared(1)));
+   Vor::Ptr<Shared> held = *m.find(1);
+   m.erase(1);
+   EXPECT_EQ(Shared::alive, 1);
+   EXPECT_EQ(held->v, 1);
+   held = nullptr;
+   EXPECT_EQ(Shared::alive, 0);
+}
+
+TEST(HashMap2018, DeletingTheCurrentMemberVisitsEachMemberOnce) {
+   Vor::HashMap2018<int, Vor::Ptr<Shared>> m;
+   for (int k = 0; k < 2000; ++k) m.insert(k, Vor::Ptr<Shared>(new Shared(k)));
+   std::set<int> visited;
+   for (auto it = m.begin(); it; ++it) {
+      ASSERT_TRUE(it.isLive());
+      int const k = it.key();
+      EXPECT_EQ(it.value()->v, k);
+      EXPECT_TRUE(visited.insert(k).second);
+      EXPECT_TRUE(m.erase(k));
+      // Stands on the erased member: stale, key still readable, value
+      // already released.
+      EXPECT_TRUE(it.isStale());
+      EXPECT_FALSE(it.isLive());
+      EXPECT_EQ(it.key(), k);
+      EXPECT_FALSE(m.contains(k));
+   }
+   EXPECT_EQ(visited.size(), 2000u);
+   EXPECT_TRUE(m.empty());
+   EXPECT_EQ(Shared::alive, 0);
+}
+
+TEST(HashMap2018, StaleValueAccessIsFatal) {
+   Vor::HashMap2018<int, int> m;
+   m.insert(1, 1);
+   auto it = m.begin();
+   m.erase(1);
+   EXPECT_DEATH(it.value(), "node_ != nullptr && !node_->dead");
+}
+
+TEST(HashMap2018, InsertingDuringAWalkNeverRepeatsAMember) {
+   Vor::HashMap2018<int, int> m;
+   for (int k = 0; k < 100; ++k) m.insert(k, k);
+   std::set<int> visited;
+   int next = 100;
+   for (auto it = m.begin(); it; ++it) {
+      EXPECT_TRUE(visited.insert(it.key()).second) << "repeated " << it.key();
+      // Each step adds several members, far past the load that would
+      // resize a table without iterators.
+      for (int i = 0; i < 5 && next < 20000; ++i) m.insert(next++, 0);
+      // and erases-and-reinserts the current key: a new member, same key.
+      if (it.key() % 3 == 0) {
+         m.erase(it.key());
+         m.insert(it.key(), -1);
+      }
+   }
+   for (int k = 0; k < 100; ++k) EXPECT_TRUE(visited.count(k)) << k;
+   EXPECT_EQ(m.size(), static_cast<std::size_t>(next));
+   // The deferred resize happened once the walk ended.
+   EXPECT_GE(m.bucketCount(), m.size());
+}
+
+TEST(HashSet, SetOperationsAndStaleIteration) {
+   Vor::HashSet<Vor::String> s;
+   EXPECT_TRUE(s.insert("a"));
+   EXPECT_FALSE(s.insert("a"));
+   EXPECT_TRUE(s.insert("b"));
+   EXPECT_TRUE(s.insert("c"));
+   std::set<std::string> seen;
+   for (auto it = s.begin(); it; ++it) {
+      seen.insert(it.key().stdString());
+      s.erase(it.key());
+      EXPECT_TRUE(it.isStale());
+   }
+   EXPECT_EQ(seen, (std::set<std::string>{"a", "b", "c"}));
+   EXPECT_TRUE(s.empty());
+}
+
+} // namespace
