@@ -114,10 +114,12 @@ TYPED_TEST(HashMapFamily, RandomOperationsMatchStdUnorderedMap) {
          auto const* found = m.find(k);
          auto const it = ref.find(k);
          ASSERT_EQ(found != nullptr, it != ref.end());
-         if (found) ASSERT_EQ(*found, it->second);
+         if (found) {
+            ASSERT_EQ(*found, it->second);
+         }
       }
       ASSERT_EQ(m.size(), ref.size());
-      EXPECT_EQ(contents(m), std::map<int, int>(ref.begin(), ref.end()));
+      EXPECT_EQ(contents(m), (std::map<int, int>(ref.begin(), ref.end())));
    }
 }
 

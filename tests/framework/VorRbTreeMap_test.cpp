@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <random>
 #include <vector>
@@ -38,7 +39,9 @@ TEST(RbTreeMap, RandomOperationsMatchStdMap) {
          EXPECT_EQ(added, ref.emplace(k, i).second);
          EXPECT_EQ(m.version() != before, added);
       }
-      if (i % 5000 == 0) ASSERT_TRUE(m.checkInvariants()) << "after step " << i;
+      if (i % 5000 == 0) {
+         ASSERT_TRUE(m.checkInvariants()) << "after step " << i;
+      }
    }
    ASSERT_TRUE(m.checkInvariants());
    ASSERT_EQ(m.size(), ref.size());
@@ -55,11 +58,15 @@ TEST(RbTreeMap, RandomOperationsMatchStdMap) {
       auto lb = m.lowerBound(k);
       auto rlb = ref.lower_bound(k);
       ASSERT_EQ(lb.done(), rlb == ref.end());
-      if (!lb.done()) EXPECT_EQ(lb.key(), rlb->first);
+      if (!lb.done()) {
+         EXPECT_EQ(lb.key(), rlb->first);
+      }
       auto ub = m.upperBound(k);
       auto rub = ref.upper_bound(k);
       ASSERT_EQ(ub.done(), rub == ref.end());
-      if (!ub.done()) EXPECT_EQ(ub.key(), rub->first);
+      if (!ub.done()) {
+         EXPECT_EQ(ub.key(), rub->first);
+      }
    }
    EXPECT_EQ(m.last().key(), ref.rbegin()->first);
    // Erase everything in a shuffled order, checking the tree as it shrinks.
@@ -68,7 +75,9 @@ TEST(RbTreeMap, RandomOperationsMatchStdMap) {
    std::shuffle(keys.begin(), keys.end(), rng);
    for (std::size_t i = 0; i < keys.size(); ++i) {
       ASSERT_TRUE(m.erase(keys[i]));
-      if (i % 97 == 0) ASSERT_TRUE(m.checkInvariants());
+      if (i % 97 == 0) {
+         ASSERT_TRUE(m.checkInvariants());
+      }
    }
    EXPECT_TRUE(m.empty());
    EXPECT_TRUE(m.checkInvariants());
