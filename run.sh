@@ -37,7 +37,7 @@ case "$cmd" in
   sim)
     install_packages
     build build -DULONAT_BUILD_TESTS=OFF -DULONAT_BUILD_BENCH=OFF
-    exec ./build/tools/ulonat-sim/ulonat-sim "$@" 2>/dev/null || exec ./build/tools/ulonat-sim "$@"
+    exec ./build/tools/ulonat-sim "$@"
     ;;
   test)
     install_packages

@@ -137,11 +137,27 @@ class Reactor : public PtrInterface::NotifieeConst {
 
    struct Binding {
       enum class Kind { scalar, event, keyed };
-      AttributeId id;
-      Kind kind;
+      AttributeId id = 0;
+      Kind kind = Kind::scalar;
+      // The handler. Member-function handlers, the common case, are called
+      // through a plain function pointer (`thunk`) with the member pointer
+      // kept in `member`; a std::function serves lambdas. Delivery is on
+      // the hot path of every attribute change, so it avoids the
+      // std::function call where it can.
+      void (*thunk)(O&, void const*, Binding const&) = nullptr;
+      void (O::*member)() = nullptr;
       std::function<void(O&, void const*)> handler;
       std::function<void(O&, N const&, void const*)> reconcileOne;
       std::function<void(O&, N const&)> reconcileAll;
+
+      bool hasHandler() const { return thunk || handler; }
+      void call(O& o, void const* key) const {
+         if (thunk) {
+            thunk(o, key, *this);
+         } else {
+            handler(o, key);
+         }
+      }
    };
    using Bindings = std::vector<Binding>;
 
@@ -162,8 +178,8 @@ class Reactor : public PtrInterface::NotifieeConst {
       deathFlag_ = &dead;
       for (Binding const& b : *bindings_) {
          if (b.id != id) continue;
-         if (!vorMarkedForDeletion() && b.handler) {
-            b.handler(*owner_, key);
+         if (!vorMarkedForDeletion() && b.hasHandler()) {
+            b.call(*owner_, key);
             if (dead) {
                if (outer) *outer = true;
                return;
@@ -184,29 +200,38 @@ class Reactor : public PtrInterface::NotifieeConst {
 
    // Builders of bindings.
    static Binding onScalar(AttributeId id, void (O::*handler)()) {
-      return Binding{id, Binding::Kind::scalar, [handler](O& o, void const*) { (o.*handler)(); },
-                     {}, {}};
+      return memberBinding(id, Binding::Kind::scalar, handler);
    }
    static Binding onScalar(AttributeId id, std::function<void(O&)> f) {
-      return Binding{id, Binding::Kind::scalar, [f](O& o, void const*) { f(o); }, {}, {}};
+      Binding b = blank(id, Binding::Kind::scalar);
+      b.handler = [f](O& o, void const*) { f(o); };
+      return b;
    }
    static Binding onEvent(AttributeId id, void (O::*handler)()) {
-      return Binding{id, Binding::Kind::event, [handler](O& o, void const*) { (o.*handler)(); },
-                     {}, {}};
+      return memberBinding(id, Binding::Kind::event, handler);
    }
    static Binding onEvent(AttributeId id, std::function<void(O&)> f) {
-      return Binding{id, Binding::Kind::event, [f](O& o, void const*) { f(o); }, {}, {}};
+      Binding b = blank(id, Binding::Kind::event);
+      b.handler = [f](O& o, void const*) { f(o); };
+      return b;
    }
    template <typename K>
    static Binding onKey(AttributeId id, void (O::*handler)(K const&)) {
-      return Binding{id, Binding::Kind::keyed,
-                     [handler](O& o, void const* key) { (o.*handler)(*static_cast<K const*>(key)); },
-                     {}, {}};
+      Binding b = blank(id, Binding::Kind::keyed);
+      // A member pointer converts to another member pointer type and back
+      // unchanged; the thunk restores the real type before the call.
+      b.member = reinterpret_cast<void (O::*)()>(handler);
+      b.thunk = [](O& o, void const* key, Binding const& self) {
+         auto h = reinterpret_cast<void (O::*)(K const&)>(self.member);
+         (o.*h)(*static_cast<K const*>(key));
+      };
+      return b;
    }
    template <typename K>
    static Binding onKey(AttributeId id, std::function<void(O&, K const&)> f) {
-      return Binding{id, Binding::Kind::keyed,
-                     [f](O& o, void const* key) { f(o, *static_cast<K const*>(key)); }, {}, {}};
+      Binding b = blank(id, Binding::Kind::keyed);
+      b.handler = [f](O& o, void const* key) { f(o, *static_cast<K const*>(key)); };
+      return b;
    }
    // `reactors` is the owner's MemberReactors for this collection; `lookup`
    // yields the notifier's member for a key (null when absent) and `forEach`
@@ -214,10 +239,7 @@ class Reactor : public PtrInterface::NotifieeConst {
    template <typename K, typename MemberReactorsT, typename Lookup, typename ForEach>
    static Binding onMembers(AttributeId id, void (O::*handler)(K const&),
                             MemberReactorsT O::*reactors, Lookup lookup, ForEach forEach) {
-      Binding b{id, Binding::Kind::keyed, {}, {}, {}};
-      if (handler) {
-         b.handler = [handler](O& o, void const* key) { (o.*handler)(*static_cast<K const*>(key)); };
-      }
+      Binding b = handler ? onKey<K>(id, handler) : blank(id, Binding::Kind::keyed);
       b.reconcileOne = [reactors, lookup](O& o, N const& n, void const* key) {
          K const& k = *static_cast<K const*>(key);
          auto member = lookup(n, k);
@@ -236,6 +258,19 @@ class Reactor : public PtrInterface::NotifieeConst {
    }
 
  protected:
+   static Binding blank(AttributeId id, typename Binding::Kind kind) {
+      Binding b;
+      b.id = id;
+      b.kind = kind;
+      return b;
+   }
+   static Binding memberBinding(AttributeId id, typename Binding::Kind kind, void (O::*handler)()) {
+      Binding b = blank(id, kind);
+      b.member = handler;
+      b.thunk = [](O& o, void const*, Binding const& self) { (o.*(self.member))(); };
+      return b;
+   }
+
    void initialDelivery() override {
       N const* n = notifier();
       if (!n) return;
@@ -250,8 +285,8 @@ class Reactor : public PtrInterface::NotifieeConst {
       }
       if (!vorMarkedForDeletion()) {
          for (Binding const& b : *bindings_) {
-            if (b.kind == Binding::Kind::scalar && b.handler) {
-               b.handler(*owner_, nullptr);
+            if (b.kind == Binding::Kind::scalar && b.hasHandler()) {
+               b.call(*owner_, nullptr);
                if (dead) return;
             }
          }
