@@ -14,6 +14,7 @@
 //  2. A reactor marked for deletion (vorMarkedForDeletion()) receives no
 //     onAttribute() and performs no initial delivery.
 
+#include <cstring>
 #include <functional>
 #include <map>
 #include <memory>
@@ -218,11 +219,15 @@ class Reactor : public PtrInterface::NotifieeConst {
    template <typename K>
    static Binding onKey(AttributeId id, void (O::*handler)(K const&)) {
       Binding b = blank(id, Binding::Kind::keyed);
-      // A member pointer converts to another member pointer type and back
-      // unchanged; the thunk restores the real type before the call.
-      b.member = reinterpret_cast<void (O::*)()>(handler);
+      // The keyed member pointer is kept in the bytes of `member` (all
+      // member-function pointers of one class have one size); the thunk
+      // copies it back out with its real type before the call.
+      using Keyed = void (O::*)(K const&);
+      static_assert(sizeof(Keyed) == sizeof(b.member));
+      std::memcpy(static_cast<void*>(&b.member), &handler, sizeof(Keyed));
       b.thunk = [](O& o, void const* key, Binding const& self) {
-         auto h = reinterpret_cast<void (O::*)(K const&)>(self.member);
+         Keyed h;
+         std::memcpy(&h, static_cast<void const*>(&self.member), sizeof(Keyed));
          (o.*h)(*static_cast<K const*>(key));
       };
       return b;
