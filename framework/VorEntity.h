@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "framework/VorPtr.h"
+#include "framework/VorReactor.h"
 #include "framework/VorString.h"
 
 namespace Vor {
