@@ -260,4 +260,54 @@ TEST(UloBaseSm, InitializedIsRunsHandlerOnChangeOnly) {
    EXPECT_EQ(sm->runs, 2);
 }
 
+// Parts of a machine that record when delivery is switched for them.
+std::vector<std::string>* switchLog = nullptr;
+
+class Child : public Ulo::UloBaseSm {
+ public:
+   explicit Child(std::string name)
+       : Ulo::UloBaseSm(Ptr<Ulo::UloCommonSmData const>()), name_(std::move(name)) {}
+   void hasNotificationActiveIs(bool active) override {
+      switchLog->push_back(name_ + (active ? ":on" : ":off"));
+      Ulo::UloBaseSm::hasNotificationActiveIs(active);
+   }
+   void vorDoZombieReactors(bool zombie) override {
+      switchLog->push_back(name_ + (zombie ? ":zombie" : ":alive"));
+      Ulo::UloBaseSm::vorDoZombieReactors(zombie);
+   }
+
+ private:
+   std::string name_;
+};
+
+class Parent : public Ulo::UloBaseSm {
+ public:
+   Parent() : Ulo::UloBaseSm(Ptr<Ulo::UloCommonSmData const>()) {}
+   Vor::ChildMachines<int, Child> first_{this};
+   Vor::ReactorSlot<Sm::VorConfig> config_{this, [] { return std::unique_ptr<Sm::VorConfig>(); }};
+   Vor::ChildMachines<int, Child> second_{this};
+};
+
+TEST(ReactorDelivery, SwitchesGoDownIntoChildrenInDeclarationOrder) {
+   std::vector<std::string> log;
+   switchLog = &log;
+   {
+      Ptr<Parent> p(new Parent);
+      p->second_.xIs(1, Ptr<Child>(new Child("second1")));
+      p->first_.xIs(2, Ptr<Child>(new Child("first2")));
+      p->first_.xIs(1, Ptr<Child>(new Child("first1")));
+      p->hasNotificationActiveIs(false);
+      p->vorDoZombieReactors(true);
+      EXPECT_EQ(log, (std::vector<std::string>{"first1:off", "first2:off", "second1:off",
+                                               "first1:zombie", "first2:zombie",
+                                               "second1:zombie"}));
+      log.clear();
+      // A child's delivery is switched off before it leaves the collection.
+      p->second_.xDel(1);
+      EXPECT_EQ(log, (std::vector<std::string>{"second1:off"}));
+      EXPECT_FALSE(p->second_.contains(1));
+   }
+   switchLog = nullptr;
+}
+
 } // namespace
