@@ -49,6 +49,7 @@
 #include "framework/LumetIntfId.h"
 #include "framework/LumetIpAddr.h"
 #include "framework/UloVrfId.h"
+#include "framework/VorEntity.h"
 #include "framework/VorHash.h"
 #include "framework/VorPtr.h"
 #include "framework/VornPodArray.h"
@@ -380,7 +381,7 @@ struct NatHwLayout {
 
 // What the route resolver answers for one next hop. The hardware layer only
 // understands NatNextHopId; any other kind of answer gives no next hop id.
-class NatNextHopInfo : public Vor::PtrInterface {
+class NatNextHopInfo : public Vor::Entity {
  public:
    explicit NatNextHopInfo(VrfAndIpAddr const& key) : key_(key) {}
    VrfAndIpAddr const& key() const { return key_; }
@@ -394,9 +395,12 @@ class NatNextHopInfo : public Vor::PtrInterface {
 
 class NatNextHopId : public NatNextHopInfo {
  public:
+   enum Attribute : Vor::AttributeId { nextHopIdAttribute = 1 };
+
    explicit NatNextHopId(VrfAndIpAddr const& key) : NatNextHopInfo(key) {}
    U64 nextHopId() const { return nextHopId_; }
-   void nextHopIdIs(U64 v) { nextHopId_ = v; }
+   // Notifies only on a change.
+   void nextHopIdIs(U64 v) { scalarIs(nextHopId_, v, nextHopIdAttribute); }
 
  private:
    U64 nextHopId_ = 0;
@@ -410,14 +414,17 @@ U64 natHwNextHopId(Vor::Ptr<NatNextHopInfo const> const& nextHop);
 
 // Multicast state of one rule: whether it is a multicast translation, its
 // group handle and its egress interfaces.
-class NatMulticastData : public Vor::PtrInterface {
+class NatMulticastData : public Vor::Entity {
  public:
+   enum Attribute : Vor::AttributeId { multicastAttribute = 1, groupIdAttribute, oifSetAttribute };
+
    bool multicast() const { return multicast_; }
    U32 groupId() const { return groupId_; }
    NatMrouteOifSet const& oifSet() const { return oifSet_; }
-   void multicastIs(bool v) { multicast_ = v; }
-   void groupIdIs(U32 v) { groupId_ = v; }
-   void oifSetIs(NatMrouteOifSet const& v) { oifSet_ = v; }
+   // Setters notify only on a change.
+   void multicastIs(bool v) { scalarIs(multicast_, v, multicastAttribute); }
+   void groupIdIs(U32 v) { scalarIs(groupId_, v, groupIdAttribute); }
+   void oifSetIs(NatMrouteOifSet const& v) { scalarIs(oifSet_, v, oifSetAttribute); }
 
    // "NatMulticastData { multicast=1, groupId=7, oifSet=NatMrouteOifSet {...} }"
    std::string stringValue() const;
