@@ -1,5 +1,9 @@
 #include "framework/LumetIpAddr.h"
 
+#include <arpa/inet.h>
+
+#include <cstring>
+
 
 namespace Lumet {
 
@@ -53,6 +57,44 @@ std::string IpAndPort::stringValue() const {
 
 std::string IpAddrWithFullMask::stringValue() const {
    return ip_.stringValue() + "/" + std::to_string(prefixLength());
+}
+
+IpGenAddr IpGenAddr::fromV6Bytes(U8 const* bytes) {
+   IpGenAddr a(ipv6);
+   std::memcpy(a.bytes_, bytes, 16);
+   return a;
+}
+
+bool IpGenAddr::isZero() const {
+   for (U8 b : bytes_) {
+      if (b) return false;
+   }
+   return true;
+}
+
+bool operator==(IpGenAddr const& a, IpGenAddr const& b) {
+   return a.family_ == b.family_ && std::memcmp(a.bytes_, b.bytes_, 16) == 0;
+}
+
+bool operator<(IpGenAddr const& a, IpGenAddr const& b) {
+   if (a.family_ != b.family_) return a.family_ < b.family_;
+   return std::memcmp(a.bytes_, b.bytes_, 16) < 0;
+}
+
+std::string IpGenAddr::stringValue() const {
+   if (isV4()) return v4Addr().stringValue();
+   char text[INET6_ADDRSTRLEN];
+   inet_ntop(AF_INET6, bytes_, text, sizeof text);
+   return text;
+}
+
+U32 IpGenAddr::hash(U32 seed) const {
+   U32 h = Vor::hashMix(seed, family_);
+   for (int i = 0; i < 16; i += 4) {
+      h = Vor::hashMix(h, (U32(bytes_[i]) << 24) | (U32(bytes_[i + 1]) << 16) |
+                              (U32(bytes_[i + 2]) << 8) | bytes_[i + 3]);
+   }
+   return Vor::hashFinish(h);
 }
 
 } // namespace Lumet

@@ -19,7 +19,8 @@
 //
 // Invariants:
 //  1. All three types are trivially copyable and hold no pointers.
-//  2. The default value of each is all zero; the zero address means "no
+//  2. An IpGenAddr of family ipv4 has zero in its bytes 4..15.
+//  3. The default value of each is all zero; the zero address means "no
 //     address" and the default IpAddrWithFullMask is the default filter
 //     address.
 
@@ -146,11 +147,51 @@ class IpAddrWithFullMask {
    U32 mask_ = 0;
 };
 
+// A generic address: an IPv4 address or an IPv6 address, or the zero address
+// of a family. Multicast routing keys use it; this library only ever builds
+// IPv4 ones, from an IpAddr.
+class IpGenAddr {
+ public:
+   enum Family : U8 { ipv4 = 4, ipv6 = 6 };
+
+   // The IPv4 zero address.
+   constexpr IpGenAddr() = default;
+   constexpr IpGenAddr(IpAddr v4) : family_(ipv4) {
+      U32 v = v4.value();
+      bytes_[0] = U8(v >> 24);
+      bytes_[1] = U8(v >> 16);
+      bytes_[2] = U8(v >> 8);
+      bytes_[3] = U8(v);
+   }
+   // The zero address of `family`.
+   constexpr explicit IpGenAddr(Family family) : family_(family) {}
+   // REQUIRES: `bytes` holds 16 bytes in network order.
+   static IpGenAddr fromV6Bytes(U8 const* bytes);
+
+   constexpr Family family() const { return family_; }
+   constexpr bool isV4() const { return family_ == ipv4; }
+   // REQUIRES: isV4().
+   constexpr IpAddr v4Addr() const { return IpAddr(bytes_[0], bytes_[1], bytes_[2], bytes_[3]); }
+   bool isZero() const;
+
+   // Family first (IPv4 before IPv6), then address bytes.
+   friend bool operator==(IpGenAddr const& a, IpGenAddr const& b);
+   friend bool operator<(IpGenAddr const& a, IpGenAddr const& b);
+
+   std::string stringValue() const;   // "10.0.0.1", "2001:db8::1"
+   U32 hash(U32 seed = 0) const;
+
+ private:
+   Family family_ = ipv4;
+   U8 bytes_[16] = {};   // network order; only the first 4 used for IPv4
+};
+
 static_assert(sizeof(IpAddr) == 4 && alignof(IpAddr) == 1);
 static_assert(sizeof(IpAndPort) == 6 && alignof(IpAndPort) == 2);
 static_assert(sizeof(IpAddrWithFullMask) == 8 && alignof(IpAddrWithFullMask) == 4);
 static_assert(std::is_trivially_copyable_v<IpAddr>);
 static_assert(std::is_trivially_copyable_v<IpAndPort>);
 static_assert(std::is_trivially_copyable_v<IpAddrWithFullMask>);
+static_assert(std::is_trivially_copyable_v<IpGenAddr>);
 
 } // namespace Lumet
