@@ -209,6 +209,11 @@ class ZaffaWriter {
    void checkNotDirect(char const* what, std::string const& subject) const;
    void doMaybeShrinkSlots(U32 threshold);
    void move(U32 fromSlot);
+   // The queue keeps a position for every slot the table ever had.
+   void afterSlotGrow() {
+      trevine_.ensureSlotCapacity(slots_.header()->mostSlots);
+      ++counters_.slotGrows;
+   }
    void afterInsert() {
       if (slots_.header()->occupiedSlots > map_.growThreshold()) {
          map_.growBuckets();
@@ -495,7 +500,7 @@ Value const* ZaffaWriter<Key, Value>::write(Value const& value, bool overwrite) 
    // stays valid.
    U32 numSlotsBefore = slots_.numSlots();
    U32 s = slots_.alloc(Jorro::Util::reverse(h));
-   if (slots_.numSlots() != numSlotsBefore) ++counters_.slotGrows;
+   if (slots_.numSlots() != numSlotsBefore) afterSlotGrow();
    RawSlot slot = slots_.slot(s);
    SlotLink own = loadLink(slot.link());
    storeLink(slot.link(), SlotLink{own.seq + 4, loadLink(place.prevLink).next});
@@ -571,7 +576,7 @@ Value* ZaffaWriter<Key, Value>::directWrite(Key const& key) {
    } else {
       U32 numSlotsBefore = slots_.numSlots();
       s = slots_.alloc(Jorro::Util::reverse(h));
-      if (slots_.numSlots() != numSlotsBefore) ++counters_.slotGrows;
+      if (slots_.numSlots() != numSlotsBefore) afterSlotGrow();
       directNew_ = true;
    }
    directPrev_ = place.prevLink;

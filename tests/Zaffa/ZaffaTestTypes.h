@@ -96,3 +96,53 @@ inline Zaffa::WriterConfig config(std::string const& root, U32 minSlots = 16, U3
 }
 
 } // namespace ZaffaTest
+
+#include <mutex>
+#include <vector>
+
+namespace ZaffaTest {
+
+// Collects the table's trace lines (all levels) while it lives.
+class TraceCapture {
+ public:
+   TraceCapture() {
+      Vor::traceEnable("Zaffa*", 15);
+      Vor::traceSinkIs([this](Vor::TraceHandle const&, int, std::string_view text) {
+         std::lock_guard<std::mutex> lock(mutex_);
+         lines_.emplace_back(text);
+      });
+   }
+   ~TraceCapture() {
+      Vor::traceSinkIs({});
+      Vor::traceDisableAll();
+   }
+   bool contains(std::string_view part) const {
+      std::lock_guard<std::mutex> lock(mutex_);
+      for (auto const& l : lines_) {
+         if (l.find(part) != std::string::npos) return true;
+      }
+      return false;
+   }
+   std::string all() const {
+      std::lock_guard<std::mutex> lock(mutex_);
+      std::string s;
+      for (auto const& l : lines_) s += l + "\n";
+      return s;
+   }
+   void clear() {
+      std::lock_guard<std::mutex> lock(mutex_);
+      lines_.clear();
+   }
+
+ private:
+   mutable std::mutex mutex_;
+   std::vector<std::string> lines_;
+};
+
+// Seconds of a bounded randomized or crash test; longer with ULONAT_LONG=1.
+inline double testBudgetSeconds(double normal, double longMode) {
+   char const* l = std::getenv("ULONAT_LONG");
+   return (l && std::string(l) == "1") ? longMode : normal;
+}
+
+} // namespace ZaffaTest
