@@ -1,0 +1,331 @@
+#pragma once
+// The NAT configuration and connection-tracking input, as the central state
+// store hands it to the NAT engine: Ip::Nat::Status with one IntfStatus per
+// NAT interface (static connections, twice NAT connections, dynamic trap
+// rules) and one VrfStatus per NAT VRF (VRF-to-VRF static rules and the
+// source policer).
+//
+// Configuration agents write these entities; the engine only reads them and
+// reacts to their notifications. Every mutator notifies the attached reactors
+// when, and only when, it changes something:
+//  - a scalar attribute notifies with its id and a null key;
+//  - a collection attribute notifies once per member added, changed or
+//    removed, with its id and a pointer to the member's key. A reactor tells
+//    an add from a remove by looking the key up.
+//
+// Lookups of absent members never fail: a map of values yields the value
+// type's default, a map of entities yields null. Use xHas() to tell apart.
+//
+// Thread safety: none. All of these belong to the agent's one thread.
+
+#include <cstddef>
+#include <map>
+#include <set>
+#include <string>
+
+#include "framework/IpNatTypes.h"
+#include "framework/L3VrfName.h"
+#include "framework/LumetIntfId.h"
+#include "framework/LumetIpAddr.h"
+#include "framework/VorEntity.h"
+#include "framework/VorEntityCollections.h"
+#include "framework/VorPtr.h"
+#include "framework/VorString.h"
+
+namespace Ip::Nat {
+
+using Vor::AttributeId;
+using Vor::Ptr;
+using Vor::U16;
+using Vor::U32;
+using Vor::U8;
+
+// One dynamic NAT rule of an interface: what traffic to trap to software so
+// that connection tracking can make a translation for it.
+//
+// Invariants:
+//  1. key() never changes after construction.
+//  2. Until initialized() is true the writer is still filling the rule and
+//     no handler may act on it.
+class NatDynamicTrapRule : public Vor::Entity {
+ public:
+   static constexpr AttributeId keyId = 1;
+   static constexpr AttributeId trapAllId = 2;
+   static constexpr AttributeId denyAllId = 3;
+   static constexpr AttributeId fullConeId = 4;
+   static constexpr AttributeId addrOnlyId = 5;
+   static constexpr AttributeId vlanIdId = 6;
+   static constexpr AttributeId ruleIdId = 7;
+   static constexpr AttributeId poolIdId = 8;
+   static constexpr AttributeId targetId = 9;
+   static constexpr AttributeId trapFilterId = 10;
+   static constexpr AttributeId initializedId = 11;
+
+   // Filters are ordered by sequence number first, which is their order
+   // within the rule.
+   using TrapFilterSet = std::set<NatTrapFilter>;
+
+   explicit NatDynamicTrapRule(DynamicKey const& key);
+
+   DynamicKey const& key() const { return key_; }
+
+   bool trapAll() const { return trapAll_; }
+   void trapAllIs(bool v) { scalarIs(trapAll_, v, trapAllId); }
+   bool denyAll() const { return denyAll_; }
+   void denyAllIs(bool v) { scalarIs(denyAll_, v, denyAllId); }
+   bool fullCone() const { return fullCone_; }
+   void fullConeIs(bool v) { scalarIs(fullCone_, v, fullConeId); }
+   bool addrOnly() const { return addrOnly_; }
+   void addrOnlyIs(bool v) { scalarIs(addrOnly_, v, addrOnlyId); }
+   U16 vlanId() const { return vlanId_; }
+   void vlanIdIs(U16 v) { scalarIs(vlanId_, v, vlanIdId); }
+   U32 ruleId() const { return ruleId_; }
+   void ruleIdIs(U32 v) { scalarIs(ruleId_, v, ruleIdId); }
+   U32 poolId() const { return poolId_; }
+   void poolIdIs(U32 v) { scalarIs(poolId_, v, poolIdId); }
+   NatTarget target() const { return target_; }
+   void targetIs(NatTarget v) { scalarIs(target_, v, targetId); }
+   bool initialized() const { return initialized_; }
+   void initializedIs(bool v) { scalarIs(initialized_, v, initializedId); }
+
+   // trapFilter: the filters of the rule, in rule order.
+   TrapFilterSet const& trapFilter() const { return trapFilter_; }
+   bool trapFilterHas(NatTrapFilter const& filter) const { return trapFilter_.count(filter) != 0; }
+   std::size_t trapFilters() const { return trapFilter_.size(); }
+   // trapFilterIs(filter) or (filter, true) adds the filter; (filter, false)
+   // removes it.
+   void trapFilterIs(NatTrapFilter const& filter, bool present = true);
+   void trapFilterDel(NatTrapFilter const& filter);
+   void trapFilterDelAll();
+   // Bumped by every change of trapFilter, so that a walk that calls out can
+   // tell whether it must find its place again.
+   std::uint64_t trapFilterVersion() const { return trapFilterVersion_; }
+
+ private:
+   DynamicKey const key_;
+   bool trapAll_ = false;
+   bool denyAll_ = false;
+   bool fullCone_ = false;
+   bool addrOnly_ = false;
+   U16 vlanId_ = 0;
+   U32 ruleId_ = 0;
+   U32 poolId_ = 0;
+   NatTarget target_ = NatTarget::source_;
+   TrapFilterSet trapFilter_;
+   std::uint64_t trapFilterVersion_ = 0;
+   bool initialized_ = false;
+};
+
+// One NAT interface: a plain interface or a NAT profile, with what is
+// configured on it.
+//
+// Invariants:
+//  1. intfId() never changes after construction.
+//  2. A plain interface has at most one member in validIntf when its VLAN is
+//     asked for (profileOrVlanId()).
+class IntfStatus : public Vor::Entity {
+ public:
+   static constexpr AttributeId intfIdId = 1;
+   static constexpr AttributeId vrfNameId = 2;
+   static constexpr AttributeId validIntfId = 3;
+   static constexpr AttributeId staticConnectionId = 4;
+   static constexpr AttributeId twiceNatConnectionId = 5;
+   static constexpr AttributeId trapRuleId = 6;
+
+   using ValidIntfMap = std::map<Lumet::IntfId, U16>;
+   using StaticConnectionMap = std::map<StaticKey, NatStaticConnection>;
+   using TwiceNatConnectionMap = std::map<U16, NatTwiceConnection>;
+   using TrapRuleMap = std::map<DynamicKey, Ptr<NatDynamicTrapRule>>;
+
+   explicit IntfStatus(Lumet::IntfId const& intfId);
+
+   Lumet::IntfId const& intfId() const { return intfId_; }
+
+   L3::VrfName const& vrfName() const { return vrfName_; }
+   void vrfNameIs(L3::VrfName const& v) { scalarIs(vrfName_, v, vrfNameId); }
+
+   // validIntf: member interfaces with their VLAN.
+   ValidIntfMap const& validIntf() const { return validIntf_; }
+   U16 validIntf(Lumet::IntfId const& intf) const { return Vor::memberValue(validIntf_, intf); }
+   bool validIntfHas(Lumet::IntfId const& intf) const { return validIntf_.count(intf) != 0; }
+   std::size_t validIntfs() const { return validIntf_.size(); }
+   void validIntfIs(Lumet::IntfId const& intf, U16 vlan);
+   void validIntfDel(Lumet::IntfId const& intf);
+
+   // staticConnection: by the connection's own key; the add replaces.
+   StaticConnectionMap const& staticConnection() const { return staticConnection_; }
+   NatStaticConnection staticConnection(StaticKey const& key) const {
+      return Vor::memberValue(staticConnection_, key);
+   }
+   bool staticConnectionHas(StaticKey const& key) const { return staticConnection_.count(key) != 0; }
+   std::size_t staticConnections() const { return staticConnection_.size(); }
+   void staticConnectionIs(NatStaticConnection const& conn);
+   void staticConnectionDel(StaticKey const& key);
+   void staticConnectionDelAll();
+
+   // twiceNatConnection: by group.
+   TwiceNatConnectionMap const& twiceNatConnection() const { return twiceNatConnection_; }
+   NatTwiceConnection twiceNatConnection(U16 group) const {
+      return Vor::memberValue(twiceNatConnection_, group);
+   }
+   bool twiceNatConnectionHas(U16 group) const { return twiceNatConnection_.count(group) != 0; }
+   std::size_t twiceNatConnections() const { return twiceNatConnection_.size(); }
+   void twiceNatConnectionIs(NatTwiceConnection const& conn);
+   void twiceNatConnectionDel(U16 group);
+   void twiceNatConnectionDelAll();
+
+   // trapRule: entities, null when absent. trapRuleIs returns the existing
+   // rule or makes an empty, uninitialized one.
+   TrapRuleMap const& trapRule() const { return trapRule_; }
+   Ptr<NatDynamicTrapRule> trapRule(DynamicKey const& key) const;
+   bool trapRuleHas(DynamicKey const& key) const { return trapRule_.count(key) != 0; }
+   std::size_t trapRules() const { return trapRule_.size(); }
+   Ptr<NatDynamicTrapRule> trapRuleIs(DynamicKey const& key);
+   void trapRuleDel(DynamicKey const& key);
+   void trapRuleDelAll();
+
+   // The VLAN (or NAT profile) that this interface's rules are programmed
+   // on: the profile number of a profile interface; otherwise 0 when no
+   // member interface is known yet, or the VLAN of the one member.
+   // REQUIRES: a plain interface has at most one member in validIntf.
+   U16 profileOrVlanId() const;
+
+ private:
+   Lumet::IntfId const intfId_;
+   L3::VrfName vrfName_;
+   ValidIntfMap validIntf_;
+   StaticConnectionMap staticConnection_;
+   TwiceNatConnectionMap twiceNatConnection_;
+   TrapRuleMap trapRule_;
+};
+
+// What a connection mark stands for: the twice NAT group that a dynamic
+// connection completes, and the names of the rule that made it.
+struct NatGroupInfo {
+   Vor::String aclName;
+   Vor::String poolName;
+   U16 group = 0;
+
+   bool operator==(NatGroupInfo const&) const = default;
+   std::string stringValue() const;
+};
+
+// The source policer of a VRF, in packets per second and burst size.
+struct VrfPolicer {
+   U32 rate = 0;
+   U32 burst = 0;
+
+   bool operator==(VrfPolicer const&) const = default;
+   std::string stringValue() const;
+};
+
+// A static translation of an address of one VRF into an address of another
+// VRF, keyed by the untranslated address.
+struct NatVrfStaticConnection {
+   Lumet::IpAddr srcAddressOld;
+   Lumet::IpAddr srcAddressNew;
+   NatTarget target = NatTarget::source_;
+   L3::VrfName outsideVrf;
+
+   bool operator==(NatVrfStaticConnection const&) const = default;
+   std::string stringValue() const;
+};
+
+// The NAT configuration of one VRF.
+class VrfStatus : public Vor::Entity {
+ public:
+   static constexpr AttributeId staticNatId = 1;
+   static constexpr AttributeId policerId = 2;
+
+   using StaticNatMap = std::map<Lumet::IpAddr, NatVrfStaticConnection>;
+
+   explicit VrfStatus(L3::VrfName const& name);
+
+   L3::VrfName const& vrfName() const { return vrfName_; }
+
+   StaticNatMap const& staticNat() const { return staticNat_; }
+   NatVrfStaticConnection staticNat(Lumet::IpAddr const& srcAddressOld) const {
+      return Vor::memberValue(staticNat_, srcAddressOld);
+   }
+   bool staticNatHas(Lumet::IpAddr const& addr) const { return staticNat_.count(addr) != 0; }
+   std::size_t staticNats() const { return staticNat_.size(); }
+   // Keyed by the connection's srcAddressOld; the add replaces.
+   void staticNatIs(NatVrfStaticConnection const& conn);
+   void staticNatDel(Lumet::IpAddr const& srcAddressOld);
+   void staticNatDelAll();
+
+   VrfPolicer const& policer() const { return policer_; }
+   void policerIs(VrfPolicer const& v) { scalarIs(policer_, v, policerId); }
+
+ private:
+   L3::VrfName const vrfName_;
+   StaticNatMap staticNat_;
+   VrfPolicer policer_;
+};
+
+// The whole NAT input: interfaces, VRFs and the global switches.
+class Status : public Vor::Entity {
+ public:
+   static constexpr AttributeId intfStatusId = 1;
+   static constexpr AttributeId intfConfigKeyId = 2;
+   static constexpr AttributeId natGroupInfoId = 3;
+   static constexpr AttributeId staticAclSharingStatusId = 4;
+   static constexpr AttributeId counterStatusId = 5;
+   static constexpr AttributeId vrfStatusId = 6;
+
+   using IntfStatusMap = std::map<Lumet::IntfId, Ptr<IntfStatus>>;
+   using IntfConfigKeyMap = std::map<Lumet::IntfId, Vor::String>;
+   using NatGroupInfoMap = std::map<U16, NatGroupInfo>;
+   using VrfStatusMap = std::map<L3::VrfName, Ptr<VrfStatus>>;
+
+   explicit Status(Vor::String name = "status") : Vor::Entity(std::move(name)) {}
+
+   // intfStatus: one entity per NAT interface, null when absent.
+   IntfStatusMap const& intfStatus() const { return intfStatus_; }
+   Ptr<IntfStatus> intfStatus(Lumet::IntfId const& intf) const;
+   bool intfStatusHas(Lumet::IntfId const& intf) const { return intfStatus_.count(intf) != 0; }
+   std::size_t intfStatuss() const { return intfStatus_.size(); }
+   // Returns the existing member or makes an empty one.
+   Ptr<IntfStatus> intfStatusIs(Lumet::IntfId const& intf);
+   void intfStatusDel(Lumet::IntfId const& intf);
+   void intfStatusDelAll();
+
+   // intfConfigKey: the configuration name of each interface; the empty
+   // string when absent.
+   IntfConfigKeyMap const& intfConfigKey() const { return intfConfigKey_; }
+   Vor::String intfConfigKey(Lumet::IntfId const& intf) const {
+      return Vor::memberValue(intfConfigKey_, intf);
+   }
+   void intfConfigKeyIs(Lumet::IntfId const& intf, Vor::String const& key);
+   void intfConfigKeyDel(Lumet::IntfId const& intf);
+
+   // natGroupInfo: ordered by connection mark.
+   NatGroupInfoMap const& natGroupInfo() const { return natGroupInfo_; }
+   NatGroupInfo natGroupInfo(U16 connMark) const { return Vor::memberValue(natGroupInfo_, connMark); }
+   bool natGroupInfoHas(U16 connMark) const { return natGroupInfo_.count(connMark) != 0; }
+   void natGroupInfoIs(U16 connMark, NatGroupInfo const& info);
+   void natGroupInfoDel(U16 connMark);
+
+   bool staticAclSharingStatus() const { return staticAclSharingStatus_; }
+   void staticAclSharingStatusIs(bool v) { scalarIs(staticAclSharingStatus_, v, staticAclSharingStatusId); }
+   bool counterStatus() const { return counterStatus_; }
+   void counterStatusIs(bool v) { scalarIs(counterStatus_, v, counterStatusId); }
+
+   // vrfStatus: one entity per NAT VRF, null when absent.
+   VrfStatusMap const& vrfStatus() const { return vrfStatus_; }
+   Ptr<VrfStatus> vrfStatus(L3::VrfName const& name) const;
+   bool vrfStatusHas(L3::VrfName const& name) const { return vrfStatus_.count(name) != 0; }
+   std::size_t vrfStatuss() const { return vrfStatus_.size(); }
+   Ptr<VrfStatus> vrfStatusIs(L3::VrfName const& name);
+   void vrfStatusDel(L3::VrfName const& name);
+
+ private:
+   IntfStatusMap intfStatus_;
+   IntfConfigKeyMap intfConfigKey_;
+   NatGroupInfoMap natGroupInfo_;
+   bool staticAclSharingStatus_ = false;
+   bool counterStatus_ = false;
+   VrfStatusMap vrfStatus_;
+};
+
+} // namespace Ip::Nat
