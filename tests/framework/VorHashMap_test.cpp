@@ -236,6 +236,175 @@ TEST(HashMap2018, InsertingDuringAWalkNeverRepeatsAMember) {
    EXPECT_GE(m.bucketCount(), m.size());
 }
 
+// A walk whose body makes random changes: no member is visited twice, each
+// visited member was in the map when the walk reached it, and every member
+// present from start to end is visited. Run under ASan this also checks that
+// nothing freed is touched through a stale iterator.
+TEST(HashMap2018, RandomChangesDuringWalksKeepTheGuarantees) {
+   std::mt19937 rng(3);
+   for (int round = 0; round < 30; ++round) {
+      Vor::HashMap2018<int, int> m;
+      int const range = 50 + round * 100;
+      for (int k = 0; k < range; k += 2) m.insert(k, k);
+      std::set<int> untouched; // present at the start, never erased
+      for (auto const& e : m) untouched.insert(e.key());
+      std::set<int> visited;
+      for (auto it = m.begin(); it; ++it) {
+         ASSERT_TRUE(it.isLive());
+         ASSERT_TRUE(visited.insert(it.key()).second) << "repeated " << it.key();
+         for (int i = 0; i < 3; ++i) {
+            int const k = static_cast<int>(rng() % range);
+            switch (rng() % 4) {
+               case 0:
+                  m.insert(k, k);
+                  break;
+               case 1:
+                  if (m.erase(k)) untouched.erase(k);
+                  break;
+               case 2: // the current member
+                  if (it.isLive()) {
+                     untouched.erase(it.key());
+                     m.erase(it.key());
+                  }
+                  break;
+               default: // erase and add back under the same key
+                  if (m.erase(k)) {
+                     untouched.erase(k);
+                     m.insert(k, -k);
+                  }
+            }
+         }
+      }
+      for (int k : untouched) EXPECT_TRUE(visited.count(k)) << "round " << round << " missed " << k;
+   }
+}
+
+TEST(HashMap2018, ErasingTheCurrentThenTheNextMemberSkipsTheNext) {
+   Vor::HashMap2018<int, int> m;
+   for (int k = 0; k < 3000; ++k) m.insert(k, k);
+   std::set<int> visited, erased;
+   for (auto it = m.begin(); it; ++it) {
+      ASSERT_TRUE(it.isLive());
+      ASSERT_FALSE(erased.count(it.key())) << "reached erased " << it.key();
+      EXPECT_TRUE(visited.insert(it.key()).second);
+      m.erase(it.key());
+      // The member the walk would reach next, found from the erased one.
+      auto peek = it;
+      peek.next();
+      if (peek) {
+         erased.insert(peek.key());
+         m.erase(peek.key());
+      }
+   }
+   EXPECT_TRUE(m.empty());
+   EXPECT_EQ(visited.size() + erased.size(), 3000u);
+}
+
+TEST(HashMap2018, ClearDuringAWalkEndsItAndIteratorCopiesStayUsable) {
+   Vor::HashMap2018<int, Vor::Ptr<Shared>> m;
+   for (int k = 0; k < 100; ++k) m.insert(k, Vor::Ptr<Shared>(new Shared(k)));
+   auto it = m.begin();
+   auto copy = it;
+   int const first = it.key();
+   m.clear();
+   EXPECT_EQ(Shared::alive, 0); // values released at clear, not at the end of the walk
+   EXPECT_TRUE(it.isStale());
+   EXPECT_EQ(copy.key(), first);
+   it.next();
+   EXPECT_TRUE(it.done());
+   EXPECT_FALSE(it.isStale());
+   // Members added after the clear may still be reached by a walk that had
+   // not ended; each at most once.
+   for (int k = 0; k < 50; ++k) m.insert(k, Vor::Ptr<Shared>(new Shared(k)));
+   std::set<int> seen;
+   for (copy.next(); copy; ++copy) EXPECT_TRUE(seen.insert(copy.key()).second);
+   EXPECT_EQ(m.size(), 50u);
+}
+
+TEST(HashMap2018, DestroyingTheMapUnderALiveIteratorIsFatal) {
+   auto destroyUnderIterator = [] {
+      auto* m = new Vor::HashMap2018<int, int>;
+      m->insert(1, 1);
+      auto it = m->begin();
+      delete m;
+   };
+   EXPECT_DEATH(destroyUnderIterator(), "iterators_ == 0");
+}
+
+// A value whose destruction erases another member of the same map, as
+// happens when releasing one entity releases others.
+TEST(HashMap2018, ValueDestructorMayEraseFromTheSameMap) {
+   struct Cascade {
+      Vor::HashMap2018<int, Cascade>* map;
+      int victim;
+      Cascade(Vor::HashMap2018<int, Cascade>* m, int v) : map(m), victim(v) {}
+      Cascade(Cascade&& o) noexcept : map(o.map), victim(o.victim) { o.map = nullptr; }
+      ~Cascade() {
+         if (map != nullptr && victim >= 0) map->erase(victim);
+      }
+   };
+   Vor::HashMap2018<int, Cascade> m;
+   for (int k = 0; k < 100; ++k) m.emplace(k, &m, k + 1 < 100 ? k + 1 : -1);
+   EXPECT_TRUE(m.erase(0)); // erases 1, which erases 2, ...
+   EXPECT_TRUE(m.empty());
+   for (int k = 0; k < 100; ++k) m.emplace(k, &m, k % 2 == 0 ? k + 1 : -1);
+   int steps = 0;
+   for (auto it = m.begin(); it; ++it) {
+      ++steps;
+      if (it.isLive()) m.erase(it.key());
+   }
+   EXPECT_TRUE(m.empty());
+   EXPECT_LE(steps, 100);
+   for (int k = 0; k < 10; ++k) m.emplace(k, &m, k + 1 < 10 ? k + 1 : -1);
+   m.clear();
+   EXPECT_TRUE(m.empty());
+}
+
+TEST(HashMap, TableGrowsAndShrinksWithItsMembers) {
+   Vor::HashMap<int, int> plain;
+   Vor::HashMap2018<int, int> stable;
+   for (int k = 0; k < 100000; ++k) {
+      plain.insert(k, k);
+      stable.insert(k, k);
+   }
+   EXPECT_GE(plain.bucketCount(), 100000u);
+   EXPECT_LE(plain.bucketCount(), 4 * 100000u);
+   for (int k = 10; k < 100000; ++k) {
+      plain.erase(k);
+      stable.erase(k);
+   }
+   plain.insert(-1, -1); // the plain map shrinks only when it inserts
+   EXPECT_LE(plain.bucketCount(), 64u);
+   EXPECT_LE(stable.bucketCount(), 64u);
+   for (int k = 0; k < 10; ++k) {
+      EXPECT_EQ(*plain.find(k), k);
+      EXPECT_EQ(*stable.find(k), k);
+   }
+}
+
+TEST(HashMap, CopiesAreDeepAndInstancesIterateInTheirOwnOrder) {
+   Vor::HashMap<int, int> a;
+   for (int k = 0; k < 1000; ++k) a.insert(k, k);
+   Vor::HashMap<int, int> b(a);
+   b.erase(5);
+   EXPECT_TRUE(a.contains(5));
+   EXPECT_EQ(b.size(), 999u);
+   Vor::HashMap<int, int> c;
+   c = a;
+   EXPECT_EQ(contents(c), contents(a));
+   // Each instance seeds its hash with a constant of its own, so the same
+   // members come out in another order.
+   std::vector<int> orderA, orderC;
+   for (auto const& e : a) orderA.push_back(e.key());
+   for (auto const& e : c) orderC.push_back(e.key());
+   EXPECT_NE(a.collectionConstant(), c.collectionConstant());
+   EXPECT_NE(orderA, orderC);
+   // Const walks, and a mutable iterator converts to a const one.
+   Vor::HashMap<int, int> const& constA = a;
+   Vor::HashMap<int, int>::ConstIterator ci = a.begin();
+   EXPECT_EQ(ci.key(), constA.begin().key());
+}
+
 TEST(HashSet, SetOperationsAndStaleIteration) {
    Vor::HashSet<Vor::String> s;
    EXPECT_TRUE(s.insert("a"));

@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <map>
 #include <random>
+#include <set>
+#include <string>
 #include <vector>
 
 namespace {
@@ -135,6 +137,134 @@ TEST(RbTreeMap, CallOutThatAddsMembersVisitsThoseAboveOnly) {
    }
    EXPECT_EQ(visited, (std::vector<int>{0, 10, 20, 30, 35, 40, 50, 60, 70, 80, 90, 95}));
    EXPECT_EQ(keysOf(m).size(), 13u);
+}
+
+// Walks whose call-outs make random changes: keys come in strictly
+// ascending order (so none twice), each was in the map when reached, and
+// every key present from start to end is visited.
+TEST(RbTreeMap, RandomCallOutsNeverRepeatOrMissSurvivors) {
+   std::mt19937 rng(5);
+   for (int round = 0; round < 40; ++round) {
+      Vor::RbTreeMapGeneric<int, int> m;
+      int const range = 20 + round * 50;
+      for (int k = 0; k < range; k += 3) m.insert(k, k);
+      std::set<int> untouched;
+      for (auto const& e : m) untouched.insert(e.key());
+      std::vector<int> visited;
+      bool const backwards = round % 4 == 3;
+      for (auto it = backwards ? m.last() : m.first(); it; backwards ? --it : ++it) {
+         ASSERT_TRUE(it.isLive());
+         if (!visited.empty()) {
+            ASSERT_TRUE(backwards ? it.key() < visited.back() : visited.back() < it.key());
+         }
+         visited.push_back(it.key());
+         for (int i = 0; i < 3; ++i) {
+            int const k = static_cast<int>(rng() % range);
+            switch (rng() % 4) {
+               case 0:
+                  m.insert(k, k);
+                  break;
+               case 1:
+                  if (m.erase(k)) untouched.erase(k);
+                  break;
+               case 2:
+                  if (it.isLive()) {
+                     untouched.erase(it.key());
+                     m.erase(it.key());
+                     EXPECT_TRUE(it.isStale());
+                  }
+                  break;
+               default: // the next member, as a call-out might
+                  if (auto after = m.upperBound(it.key()); after) {
+                     untouched.erase(after.key());
+                     m.erase(after.key());
+                  }
+            }
+         }
+      }
+      ASSERT_TRUE(m.checkInvariants());
+      for (int k : untouched) {
+         EXPECT_TRUE(std::find(visited.begin(), visited.end(), k) != visited.end()) << "missed " << k;
+      }
+   }
+}
+
+TEST(RbTreeMap, StaleValueAccessIsFatal) {
+   Vor::RbTreeMapGeneric<int, int> m;
+   m.insert(1, 1);
+   auto it = m.first();
+   m.erase(1);
+   EXPECT_DEATH(it.value(), "live");
+}
+
+TEST(RbTreeMap, VersionCountsEveryChangeAndOnlyChanges) {
+   Vor::RbTreeMapGeneric<int, std::string> m;
+   auto v = m.version();
+   auto bumped = [&] {
+      bool const changed = m.version() != v;
+      v = m.version();
+      return changed;
+   };
+   m.insert(1, "a");
+   EXPECT_TRUE(bumped());
+   m.insert(1, "b");
+   EXPECT_FALSE(bumped());
+   EXPECT_EQ(*m.find(1), "a");
+   m.insertOrAssign(1, "c");
+   EXPECT_TRUE(bumped());
+   m.emplace(2, 3, 'x');
+   EXPECT_TRUE(bumped());
+   EXPECT_EQ(*m.find(2), "xxx");
+   EXPECT_FALSE(m.erase(7));
+   EXPECT_FALSE(bumped());
+   EXPECT_TRUE(m.erase(1));
+   EXPECT_TRUE(bumped());
+   m.clear();
+   EXPECT_TRUE(bumped());
+   m.clear();
+   EXPECT_FALSE(bumped());
+   // A member erased and added again under the same key is found again.
+   m.insert(5, "x");
+   auto it = m.first();
+   m.erase(5);
+   EXPECT_TRUE(it.isStale());
+   m.insert(5, "y");
+   EXPECT_TRUE(it.isLive());
+   EXPECT_EQ(it.value(), "y");
+}
+
+TEST(RbTreeMap, CopyMoveAndValueDestructorsThatChangeTheMap) {
+   struct Cascade {
+      Vor::RbTreeMapGeneric<int, Cascade>* map;
+      int victim;
+      Cascade(Vor::RbTreeMapGeneric<int, Cascade>* m, int v) : map(m), victim(v) {}
+      Cascade(Cascade&& o) noexcept : map(o.map), victim(o.victim) { o.map = nullptr; }
+      ~Cascade() {
+         if (map != nullptr && victim >= 0) map->erase(victim);
+      }
+   };
+   Vor::RbTreeMapGeneric<int, Cascade> m;
+   for (int k = 0; k < 100; ++k) m.emplace(k, &m, k + 1 < 100 ? k + 1 : -1);
+   EXPECT_TRUE(m.erase(0));
+   EXPECT_TRUE(m.empty());
+   EXPECT_TRUE(m.checkInvariants());
+
+   Vor::RbTreeMapGeneric<int, int> a;
+   for (int k = 0; k < 1000; ++k) a.insert(k, -k);
+   Vor::RbTreeMapGeneric<int, int> b(a);
+   b.erase(3);
+   EXPECT_TRUE(a.contains(3));
+   EXPECT_TRUE(b.checkInvariants());
+   auto walking = a.lowerBound(500);
+   Vor::RbTreeMapGeneric<int, int> c(std::move(a));
+   EXPECT_TRUE(a.empty());
+   EXPECT_EQ(c.size(), 1000u);
+   // An iterator of the moved-from map finds it changed and empty.
+   EXPECT_TRUE(walking.isStale());
+   walking.next();
+   EXPECT_TRUE(walking.done());
+   a = c;
+   EXPECT_EQ(keysOf(a), keysOf(c));
 }
 
 TEST(RbTreeSet, OrderedSetWalk) {
