@@ -1,0 +1,246 @@
+#include "UloNat/UloNatTypes.h"
+
+#include "framework/UloAssert.h"
+#include "framework/VorException.h"
+#include "framework/VorTrace.h"
+
+VOR_TRACE_HANDLE("UloNatTypes")
+
+namespace Ulo {
+
+char const* natTypeName(NatType type) {
+   switch (type) {
+      case NatType::staticNat: return "staticNat";
+      case NatType::twiceNat: return "twiceNat";
+      case NatType::dynamicNat: return "dynamicNat";
+      case NatType::trapAclNat: return "trapAclNat";
+   }
+   return "unknown";
+}
+
+std::string TwiceNatKey::stringValue() const {
+   return " group: " + std::to_string(group_) + " addr: " + addr_.stringValue();
+}
+
+// ---- NatIntfInfo ----
+
+U32 NatIntfInfo::intf(Lumet::IntfId const& intf) const {
+   U32 const* count = intf_.find(intf);
+   return count ? *count : 0;
+}
+
+void NatIntfInfo::intfIs(Lumet::IntfId const& intf, U32 count) {
+   if (count == 0) {
+      intfDel(intf);
+      return;
+   }
+   intf_.insertOrAssign(intf, count);
+}
+
+void NatIntfInfo::intfDel(Lumet::IntfId const& intf) { intf_.erase(intf); }
+
+void NatIntfInfo::addIntf(Lumet::IntfId const& natIntf) {
+   U32 const count = intf(natIntf) + 1;
+   intfIs(natIntf, count);
+   VOR_TRACE(7, "Add addr: " << ipAddr_.stringValue() << " intf: " << natIntf.stringValue()
+                             << " refCount " << count);
+}
+
+void NatIntfInfo::removeIntf(Lumet::IntfId const& natIntf) {
+   U32 const count = intf(natIntf);
+   if (count <= 1) {
+      intfDel(natIntf);
+   } else {
+      intfIs(natIntf, count - 1);
+   }
+   VOR_TRACE(7, "Del addr: " << ipAddr_.stringValue() << " intf: " << natIntf.stringValue()
+                             << " refCount " << intf(natIntf));
+}
+
+// ---- NatSmStatusVrf ----
+
+U32 NatSmStatusVrf::routeResolverRefCount(Lumet::IpAddr const& addr) const {
+   auto it = routeResolverRefCount_.find(addr);
+   return it == routeResolverRefCount_.end() ? 0 : it->second;
+}
+
+void NatSmStatusVrf::routeResolverRefCountIs(Lumet::IpAddr const& addr, U32 count) {
+   if (count == 0) {
+      routeResolverRefCount_.erase(addr);
+   } else {
+      routeResolverRefCount_[addr] = count;
+   }
+}
+
+Ptr<NatIntfInfo> NatSmStatusVrf::ipAddrIntfInfo(Lumet::IpAddr const& addr) const {
+   Ptr<NatIntfInfo> const* info = ipAddrIntfInfo_.find(addr);
+   return info ? *info : Ptr<NatIntfInfo>();
+}
+
+Ptr<NatIntfInfo> NatSmStatusVrf::ipAddrIntfInfoIs(Lumet::IpAddr const& addr) {
+   if (Ptr<NatIntfInfo> const* info = ipAddrIntfInfo_.find(addr)) return *info;
+   Ptr<NatIntfInfo> info(new NatIntfInfo(addr));
+   ipAddrIntfInfo_.insert(addr, info);
+   return info;
+}
+
+void NatSmStatusVrf::addAddress(Lumet::IntfId const& intf, Lumet::IpAddr const& addr) {
+   ipAddrIntfInfoIs(addr)->addIntf(intf);
+}
+
+void NatSmStatusVrf::delAddress(Lumet::IntfId const& intf, Lumet::IpAddr const& addr) {
+   Ptr<NatIntfInfo> const info = ipAddrIntfInfo(addr);
+   if (!info) return;
+   info->removeIntf(intf);
+   if (info->intfs() == 0) ipAddrIntfInfoDel(addr);
+}
+
+namespace {
+
+Ptr<DynamicHwEntry> dynamicHwEntryIs(NatSmStatusVrf::DynamicHwEntryMap& map,
+                                     Lumet::ConnTuple const& conn, Lumet::IpAndPort const& natAddr,
+                                     Lumet::IntfId const& natIntf, char const* attribute) {
+   if (Ptr<DynamicHwEntry> const* entry = map.find(conn)) {
+      if ((*entry)->natAddr() != natAddr || (*entry)->natIntf() != natIntf) {
+         Vor::Impl::throwMutatorReinstVal(attribute);
+      }
+      return *entry;
+   }
+   Ptr<DynamicHwEntry> entry(new DynamicHwEntry(conn, natAddr, natIntf));
+   map.insert(conn, entry);
+   return entry;
+}
+
+
+} // namespace
+
+Ptr<DynamicHwEntry> NatSmStatusVrf::dynamicFwdHwEntries(Lumet::ConnTuple const& conn) const {
+   Ptr<DynamicHwEntry> const* entry = dynamicFwdHwEntries_.find(conn);
+   return entry ? *entry : Ptr<DynamicHwEntry>();
+}
+
+Ptr<DynamicHwEntry> NatSmStatusVrf::dynamicFwdHwEntriesIs(Lumet::ConnTuple const& conn,
+                                                          Lumet::IpAndPort const& natAddr,
+                                                          Lumet::IntfId const& natIntf) {
+   return dynamicHwEntryIs(dynamicFwdHwEntries_, conn, natAddr, natIntf, "dynamicFwdHwEntries");
+}
+
+Ptr<DynamicHwEntry> NatSmStatusVrf::dynamicRvsHwEntries(Lumet::ConnTuple const& conn) const {
+   Ptr<DynamicHwEntry> const* entry = dynamicRvsHwEntries_.find(conn);
+   return entry ? *entry : Ptr<DynamicHwEntry>();
+}
+
+Ptr<DynamicHwEntry> NatSmStatusVrf::dynamicRvsHwEntriesIs(Lumet::ConnTuple const& conn,
+                                                          Lumet::IpAndPort const& natAddr,
+                                                          Lumet::IntfId const& natIntf) {
+   return dynamicHwEntryIs(dynamicRvsHwEntries_, conn, natAddr, natIntf, "dynamicRvsHwEntries");
+}
+
+Ptr<DynamicFullConeHwEntry> NatSmStatusVrf::dynamicFullConeHwEntries(
+   Lumet::IpAndPort const& natAddr) const {
+   Ptr<DynamicFullConeHwEntry> const* entry = dynamicFullConeHwEntries_.find(natAddr);
+   return entry ? *entry : Ptr<DynamicFullConeHwEntry>();
+}
+
+Ptr<DynamicFullConeHwEntry> NatSmStatusVrf::dynamicFullConeHwEntriesIs(Lumet::IpAndPort const& natAddr) {
+   if (Ptr<DynamicFullConeHwEntry> const* entry = dynamicFullConeHwEntries_.find(natAddr)) {
+      return *entry;
+   }
+   Ptr<DynamicFullConeHwEntry> entry(new DynamicFullConeHwEntry(natAddr));
+   dynamicFullConeHwEntries_.insert(natAddr, entry);
+   return entry;
+}
+
+// ---- NatSmStatus ----
+
+U16 NatSmStatus::vlanIdToProfileId(U16 vlan) const {
+   auto it = vlanIdToProfileId_.find(vlan);
+   return it == vlanIdToProfileId_.end() ? 0 : it->second;
+}
+
+Ptr<NatUnprogrammedEntries> NatSmStatus::unprogrammedEntries(Lumet::IntfId const& intf) const {
+   Ptr<NatUnprogrammedEntries> const* entries = unprogrammedEntries_.find(intf);
+   return entries ? *entries : Ptr<NatUnprogrammedEntries>();
+}
+
+Ptr<NatUnprogrammedEntries> NatSmStatus::unprogrammedEntriesIs(Lumet::IntfId const& intf) {
+   if (Ptr<NatUnprogrammedEntries> const* entries = unprogrammedEntries_.find(intf)) return *entries;
+   Ptr<NatUnprogrammedEntries> entries = natUnprogrammedEntriesFactory(intf);
+   unprogrammedEntries_.insert(intf, entries);
+   return entries;
+}
+
+Ptr<NatSmStatusVrf> NatSmStatus::natSmStatusVrf(VrfId vrfId) const {
+   Ptr<NatSmStatusVrf> const* vrf = natSmStatusVrf_.find(vrfId);
+   return vrf ? *vrf : Ptr<NatSmStatusVrf>();
+}
+
+Ptr<NatSmStatusVrf> NatSmStatus::natSmStatusVrfIs(VrfId vrfId) {
+   if (Ptr<NatSmStatusVrf> const* vrf = natSmStatusVrf_.find(vrfId)) return *vrf;
+   Ptr<NatSmStatusVrf> vrf = natSmStatusVrfFactory(vrfId);
+   natSmStatusVrf_.insert(vrfId, vrf);
+   return vrf;
+}
+
+void NatSmStatus::addRouteConfigWatchedAddr(Lumet::IpAddr const& addr, VrfId vrfId) {
+   if (!destinationNatNextHopNeeded_) return;
+   Ptr<NatSmStatusVrf> const vrfStatus = natSmStatusVrf(vrfId);
+   uloAssert(vrfStatus);
+   U32 const refCount = vrfStatus->routeResolverRefCount(addr);
+   VOR_TRACE(7, __func__ << ", addr: " << addr.stringValue() << ", vrf: " << vrfId.stringValue()
+                         << ", rc: " << refCount);
+   if (refCount == 0) {
+      nhMapConfig_->routeResolverRequestIs(VrfAndIpAddr(vrfId, addr), true);
+   }
+   vrfStatus->routeResolverRefCountIs(addr, refCount + 1);
+}
+
+void NatSmStatus::removeRouteConfigWatchedAddr(Lumet::IpAddr const& addr, VrfId vrfId) {
+   if (!destinationNatNextHopNeeded_) return;
+   Ptr<NatSmStatusVrf> const vrfStatus = natSmStatusVrf(vrfId);
+   uloAssert(vrfStatus);
+   U32 const refCount = vrfStatus->routeResolverRefCount(addr);
+   VOR_TRACE(7, __func__ << ", addr: " << addr.stringValue() << ", vrf: " << vrfId.stringValue()
+                         << ", rc: " << refCount);
+   uloAssert(refCount);
+   if (refCount == 1) {
+      nhMapConfig_->routeResolverRequestDel(VrfAndIpAddr(vrfId, addr));
+      vrfStatus->routeResolverRefCountDel(addr);
+   } else {
+      vrfStatus->routeResolverRefCountIs(addr, refCount - 1);
+   }
+}
+
+Ptr<NatNextHopInfo> NatSmStatus::getNextHopInfo(VrfId vrfId, Lumet::IpAddr const& addr) const {
+   if (!destinationNatNextHopNeeded_ || !nhMapStatus_) return Ptr<NatNextHopInfo>();
+   return nhMapStatus_->resolvedAddr(VrfAndIpAddr(vrfId, addr));
+}
+
+// ---- factories ----
+
+Ptr<NatSmStatus> natSmStatusFactory(Ptr<NextHopMapConfig> const& nhMapConfig,
+                                    Ptr<NextHopMapStatus const> const& nhMapStatus) {
+   Ptr<NatSmStatus> status(new NatSmStatus(nhMapConfig, nhMapStatus));
+   status->hasNotificationActiveIs(true);
+   return status;
+}
+
+Ptr<NatSmStatusVrf> natSmStatusVrfFactory(VrfId vrfId) {
+   Ptr<NatSmStatusVrf> vrf(new NatSmStatusVrf(vrfId));
+   vrf->hasNotificationActiveIs(true);
+   return vrf;
+}
+
+Ptr<NatUnprogrammedEntries> natUnprogrammedEntriesFactory(Lumet::IntfId const& natIntf) {
+   Ptr<NatUnprogrammedEntries> entries(new NatUnprogrammedEntries(natIntf));
+   entries->hasNotificationActiveIs(true);
+   return entries;
+}
+
+Ptr<NatSmStatusNotif> natSmStatusNotifFactory() {
+   Ptr<NatSmStatusNotif> notif(new NatSmStatusNotif());
+   notif->hasNotificationActiveIs(true);
+   return notif;
+}
+
+} // namespace Ulo
