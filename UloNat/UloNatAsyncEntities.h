@@ -1,0 +1,282 @@
+#pragma once
+// The entities through which the asynchronous helper and the hardware
+// programmer speak, one record per hardware key:
+//
+//   NatRequestQueue      work waiting behind the operation in flight on a key
+//   NatRequestQueueDir   the queues, by key
+//   NatAsyncHwConfig     the command to the programmer (opType), by key
+//   NatAsyncHwStatus     the programmer's answer (state), by key
+//   NatFailedHwKeyStatus the keys hardware refused with nothing queued
+//   NatHwShadow          what has been asked of hardware, per key
+//
+// Every mutator notifies the attached reactors when, and only when, it
+// changes something; collections notify per member with a pointer to the
+// key, on add and on remove.
+//
+// Keys of type NatHwKey are kept in hash collections only: the key's order
+// leaves out filterAddrId, so an ordered map would merge siblings.
+//
+// NatHwShadow delegates its storage to a NatHwShadowStore. The in-process
+// store here keeps entries in memory; the shared-memory table can take over
+// by providing a store of its own (storeIs), without any change to the
+// shadow's users.
+//
+// Thread safety: none; each side uses these from its one thread.
+
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "UloNat/UloNatAsyncTypes.h"
+#include "framework/VorEntity.h"
+#include "framework/VorHashMap.h"
+#include "framework/VorHashMap2018.h"
+#include "framework/VorPtr.h"
+#include "framework/VorSet.h"
+
+namespace Ulo {
+
+// The queue of requests waiting on one key, oldest first.
+//
+// Invariants:
+//  1. pendingMetadata().head <= pendingMetadata().tail; both only grow.
+//  2. The members of pending are exactly the indices head .. tail - 1.
+class NatRequestQueue : public Vor::Entity {
+ public:
+   static constexpr Vor::AttributeId pendingId = 1;
+
+   enum OpType : U32 { unknown = 0, idle = 1, add = 2, update = 3, del = 4 };
+   static char const* opTypeName(OpType type);
+
+   class Request {
+    public:
+      Request() = default;
+      Request(OpType type, NatHwData const& data) : type_(type), data_(data) {}
+      OpType type() const { return type_; }
+      NatHwData const& data() const { return data_; }
+      friend bool operator==(Request const& a, Request const& b) {
+         return a.type_ == b.type_ && a.data_ == b.data_;
+      }
+      // "Value('Ulo::NatRequestQueue::Request', ** {'type': <type>, 'data': <data>})"
+      std::string stringValue() const;
+
+    private:
+      OpType type_ = unknown;
+      NatHwData data_;
+   };
+
+   // The queue's cursor: the index of the head and the next index to use.
+   struct PendingMetadata {
+      U32 head = 0;
+      U32 tail = 0;
+      friend bool operator==(PendingMetadata const&, PendingMetadata const&) = default;
+   };
+
+   explicit NatRequestQueue(NatHwKey const& key);
+
+   NatHwKey const& key() const { return key_; }
+   // Appends `request` under the next index.
+   void pendingEnq(Request const& request);
+   // Removes and returns the head; from an empty queue, the default Request
+   // (type unknown), which stands for no request.
+   Request pendingDeq();
+   // The request at `index`, or the default when there is none.
+   Request pending(U32 index) const;
+   std::size_t pendings() const { return pending_.size(); }
+   bool pendingEmpty() const { return pending_.empty(); }
+   PendingMetadata const& pendingMetadata() const { return metadata_; }
+   // Requests dequeued over the queue's life.
+   U32 dequeued() const { return dequeued_; }
+
+ private:
+   NatHwKey const key_;
+   std::map<U32, Request> pending_;
+   PendingMetadata metadata_;
+   U32 dequeued_ = 0;
+};
+
+class NatRequestQueueDir : public Vor::Entity {
+ public:
+   static constexpr Vor::AttributeId requestQId = 1;
+   using RequestQMap = Vor::HashMap2018<NatHwKey, Vor::Ptr<NatRequestQueue>>;
+
+   explicit NatRequestQueueDir(Vor::String name = "natRequestQueueDir") : Vor::Entity(std::move(name)) {}
+
+   RequestQMap const& requestQ() const { return requestQ_; }
+   // Null when absent.
+   Vor::Ptr<NatRequestQueue> requestQ(NatHwKey const& key) const;
+   std::size_t requestQs() const { return requestQ_.size(); }
+   // Returns the existing queue or makes an empty one.
+   Vor::Ptr<NatRequestQueue> requestQIs(NatHwKey const& key);
+   void requestQDel(NatHwKey const& key);
+
+ private:
+   RequestQMap requestQ_;
+};
+
+// The command to the programmer for one key.
+class NatAsyncHwConfig : public Vor::Entity {
+ public:
+   static constexpr Vor::AttributeId opTypeId = 1;
+
+   explicit NatAsyncHwConfig(NatHwKey const& key) : Vor::Entity("natAsyncHwConfig"), key_(key) {}
+
+   NatHwKey const& key() const { return key_; }
+   NatRequestQueue::OpType opType() const { return opType_; }
+   void opTypeIs(NatRequestQueue::OpType v) { scalarIs(opType_, v, opTypeId); }
+
+ private:
+   NatHwKey const key_;
+   NatRequestQueue::OpType opType_ = NatRequestQueue::unknown;
+};
+
+class NatAsyncHwConfigDir : public Vor::Entity {
+ public:
+   static constexpr Vor::AttributeId configId = 1;
+   using ConfigMap = Vor::HashMap2018<NatHwKey, Vor::Ptr<NatAsyncHwConfig>>;
+
+   explicit NatAsyncHwConfigDir(Vor::String name = "natAsyncHwConfigDir") : Vor::Entity(std::move(name)) {}
+
+   ConfigMap const& config() const { return config_; }
+   Vor::Ptr<NatAsyncHwConfig> config(NatHwKey const& key) const;
+   std::size_t configs() const { return config_.size(); }
+   // Returns the existing record or makes one with opType unknown.
+   Vor::Ptr<NatAsyncHwConfig> configIs(NatHwKey const& key);
+   void configDel(NatHwKey const& key);
+   void configDelAll();
+
+ private:
+   ConfigMap config_;
+};
+
+// The programmer's answer for one key.
+class NatAsyncHwStatus : public Vor::Entity {
+ public:
+   static constexpr Vor::AttributeId stateId = 1;
+
+   enum State : U32 { unknown = 0, idle = 1, inProgress = 2, success = 3, failed = 4, forceAdd = 5 };
+   static char const* stateName(State state);
+
+   explicit NatAsyncHwStatus(NatHwKey const& key) : Vor::Entity("natAsyncHwStatus"), key_(key) {}
+
+   NatHwKey const& key() const { return key_; }
+   State state() const { return state_; }
+   void stateIs(State v) { scalarIs(state_, v, stateId); }
+
+ private:
+   NatHwKey const key_;
+   State state_ = unknown;
+};
+
+class NatAsyncHwStatusDir : public Vor::Entity {
+ public:
+   static constexpr Vor::AttributeId statusId = 1;
+   using StatusMap = Vor::HashMap2018<NatHwKey, Vor::Ptr<NatAsyncHwStatus>>;
+
+   explicit NatAsyncHwStatusDir(Vor::String name = "natAsyncHwStatusDir") : Vor::Entity(std::move(name)) {}
+
+   StatusMap const& status() const { return status_; }
+   Vor::Ptr<NatAsyncHwStatus> status(NatHwKey const& key) const;
+   std::size_t statuss() const { return status_.size(); }
+   // Returns the existing record or makes one with state unknown.
+   Vor::Ptr<NatAsyncHwStatus> statusIs(NatHwKey const& key);
+   void statusDel(NatHwKey const& key);
+   void statusDelAll();
+
+ private:
+   StatusMap status_;
+};
+
+// The keys that hardware refused and for which nothing is queued.
+class NatFailedHwKeyStatus : public Vor::Entity {
+ public:
+   static constexpr Vor::AttributeId entryId = 1;
+   using EntrySet = Vor::HashSet<NatHwKey>;
+
+   explicit NatFailedHwKeyStatus(Vor::String name) : Vor::Entity(std::move(name)) {}
+
+   EntrySet const& entry() const { return entry_; }
+   bool entryHas(NatHwKey const& key) const { return entry_.contains(key); }
+   std::size_t entrys() const { return entry_.size(); }
+   void entryIs(NatHwKey const& key);
+   void entryDel(NatHwKey const& key);
+   void entryDelAll();
+
+ private:
+   EntrySet entry_;
+};
+
+// Where NatHwShadow keeps its entries.
+class NatHwShadowStore {
+ public:
+   virtual ~NatHwShadowStore();
+   virtual bool has(NatHwKey const& key) const = 0;
+   // REQUIRES: has(key).
+   virtual NatHwShadowEntry get(NatHwKey const& key) const = 0;
+   // Stores `entry` under its key; returns true when that changed the store.
+   virtual bool put(NatHwShadowEntry const& entry) = 0;
+   // Returns true when there was an entry.
+   virtual bool erase(NatHwKey const& key) = 0;
+   virtual std::size_t size() const = 0;
+   // Visits the entries until `visit` returns false; the order is
+   // unspecified. The visitor must not change the store.
+   virtual void forEach(std::function<bool(NatHwShadowEntry const&)> const& visit) const = 0;
+};
+
+// The in-process store: entries in memory, lost with the process.
+class NatHwShadowMemoryStore : public NatHwShadowStore {
+ public:
+   bool has(NatHwKey const& key) const override { return entries_.contains(key); }
+   NatHwShadowEntry get(NatHwKey const& key) const override;
+   bool put(NatHwShadowEntry const& entry) override;
+   bool erase(NatHwKey const& key) override { return entries_.erase(key); }
+   std::size_t size() const override { return entries_.size(); }
+   void forEach(std::function<bool(NatHwShadowEntry const&)> const& visit) const override;
+
+ private:
+   Vor::HashMap<NatHwKey, NatHwShadowEntry> entries_;
+};
+
+// The shadow of what has been asked of hardware, one entry per key.
+class NatHwShadow : public Vor::Entity {
+ public:
+   static constexpr Vor::AttributeId entryId = 1;
+
+   // With no store, entries are kept in memory.
+   explicit NatHwShadow(Vor::String name, std::unique_ptr<NatHwShadowStore> store = nullptr);
+
+   bool entryHas(NatHwKey const& key) const { return store_->has(key); }
+   // The default entry when there is none.
+   NatHwShadowEntry entry(NatHwKey const& key) const;
+   std::size_t entrys() const { return store_->size(); }
+   // Stores the entry under its key; notifies when that changed anything.
+   // REQUIRES: the key is not the default key (asserted "!!shadowEntry.key()").
+   void entryIs(NatHwShadowEntry const& shadowEntry);
+   void entryDel(NatHwKey const& key);
+   void entryForEach(std::function<bool(NatHwShadowEntry const&)> const& visit) const {
+      store_->forEach(visit);
+   }
+
+   // Hands the entries to another store: what the old store holds is copied
+   // into `store` (without notification: the entries are the same), then
+   // the old store is dropped.
+   void storeIs(std::unique_ptr<NatHwShadowStore> store);
+   NatHwShadowStore const& store() const { return *store_; }
+
+ private:
+   std::unique_ptr<NatHwShadowStore> store_;
+};
+
+// Factories; each returns its entity with notification active.
+Vor::Ptr<NatRequestQueue> natRequestQueueFactory(NatHwKey const& key);
+Vor::Ptr<NatRequestQueueDir> natRequestQueueDirFactory();
+Vor::Ptr<NatAsyncHwConfig> natAsyncHwConfigFactory(NatHwKey const& key);
+Vor::Ptr<NatAsyncHwConfigDir> natAsyncHwConfigDirFactory();
+Vor::Ptr<NatAsyncHwStatus> natAsyncHwStatusFactory(NatHwKey const& key);
+Vor::Ptr<NatAsyncHwStatusDir> natAsyncHwStatusDirFactory();
+Vor::Ptr<NatFailedHwKeyStatus> natFailedHwKeyStatusFactory(Vor::String name);
+Vor::Ptr<NatHwShadow> natHwShadowFactory(Vor::String name);
+
+} // namespace Ulo
