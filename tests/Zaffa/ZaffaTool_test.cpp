@@ -1,0 +1,110 @@
+// zaffa-tool on a live table, on a damaged one, and on things that are not
+// tables.
+
+#include "tests/Zaffa/ZaffaTestTypes.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <fstream>
+#include <sys/wait.h>
+
+using namespace ZaffaTest;
+
+namespace {
+
+struct ToolRun {
+   int status;
+   std::string output;
+};
+
+ToolRun tool(std::string const& args) {
+   std::string command = std::string(ZAFFA_TOOL_PATH) + " " + args + " 2>&1";
+   FILE* p = ::popen(command.c_str(), "r");
+   ToolRun r{-1, {}};
+   if (!p) return r;
+   char buffer[4096];
+   std::size_t n;
+   while ((n = std::fread(buffer, 1, sizeof buffer, p)) > 0) r.output.append(buffer, n);
+   int status = ::pclose(p);
+   r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+   return r;
+}
+
+} // namespace
+
+TEST(ZaffaTool, InspectsALiveTable) {
+   TempDir dir;
+   Writer w(config(dir.path(), 16, 64));
+   w.attach();
+   for (U64 i = 0; i < 30; ++i) w.write(TestValue::of(i, i), true);
+   TestValue old;
+   w.remove(TestKey::of(3), old);
+
+   ToolRun info = tool("info " + dir.path());
+   EXPECT_EQ(info.status, 0) << info.output;
+   EXPECT_NE(info.output.find("members: 29\n"), std::string::npos) << info.output;
+   EXPECT_NE(info.output.find(fmt::format("generation: {}", w.fenixId().generation())), std::string::npos);
+   EXPECT_NE(info.output.find("interrupted: no"), std::string::npos);
+   EXPECT_NE(info.output.find("valueType:\"ZaffaTest::TestValue\""), std::string::npos);
+
+   ToolRun valid = tool("validate " + dir.path());
+   EXPECT_EQ(valid.status, 0) << valid.output;
+   EXPECT_NE(valid.output.find("valid: 29 occupied"), std::string::npos) << valid.output;
+
+   ToolRun text = tool("dump " + dir.path());
+   EXPECT_EQ(text.status, 0) << text.output;
+   EXPECT_NE(text.output.find("entries: 29"), std::string::npos) << text.output;
+
+   ToolRun json = tool("dump --json " + dir.path());
+   ASSERT_EQ(json.status, 0) << json.output;
+   auto doc = nlohmann::json::parse(json.output);
+   EXPECT_EQ(doc["members"], 29);
+   EXPECT_EQ(doc["entries"].size(), 29u);
+   EXPECT_TRUE(doc["entries"][0]["stable"].get<bool>());
+   // The tool changed nothing.
+   EXPECT_EQ(w.members(), 29u);
+   EXPECT_TRUE(w.validate());
+}
+
+TEST(ZaffaTool, ReportsABrokenTableWithoutRepairingIt) {
+   TempDir dir;
+   {
+      Writer w(config(dir.path(), 16, 64));
+      w.attach();
+      for (U64 i = 0; i < 10; ++i) w.write(TestValue::of(i, i), true);
+      // An overwrite stopped between its halves.
+      auto* h = w.slotTable().header();
+      h->runtimeFlags |= 1;
+      Zaffa::RawSlot s = w.slotTable().slot(0);
+      s.seqIs(s.seq() + 2);
+   }
+   Zaffa::Util::writeCorruptionMarker(Mem::RootPath(dir.path()), "found a cycle");
+   ToolRun valid = tool("validate " + dir.path());
+   EXPECT_EQ(valid.status, 1) << valid.output;
+   EXPECT_NE(valid.output.find("invalid: stuck LOOKASIDE bit"), std::string::npos) << valid.output;
+   ToolRun info = tool("info " + dir.path());
+   EXPECT_EQ(info.status, 0);
+   EXPECT_NE(info.output.find("interrupted: yes"), std::string::npos) << info.output;
+   EXPECT_NE(info.output.find("corruption-detected: found a cycle"), std::string::npos) << info.output;
+   // Still broken afterwards: the tool never repairs.
+   EXPECT_EQ(tool("validate " + dir.path()).status, 1);
+}
+
+TEST(ZaffaTool, RefusesWhatIsNotATable) {
+   TempDir dir;
+   ToolRun missing = tool("info " + dir.path() + "/nothing-here");
+   EXPECT_EQ(missing.status, 2);
+   EXPECT_NE(missing.output.find("not a directory or not readable"), std::string::npos) << missing.output;
+
+   ToolRun empty = tool("validate " + dir.path());
+   EXPECT_EQ(empty.status, 2);
+   EXPECT_NE(empty.output.find("not a Zaffa table"), std::string::npos) << empty.output;
+
+   std::ofstream(dir.file(Zaffa::FileNames::slots)) << std::string(2000, 'x');
+   ToolRun garbage = tool("dump " + dir.path());
+   EXPECT_EQ(garbage.status, 2);
+   EXPECT_NE(garbage.output.find("not a Zaffa table (bad magic"), std::string::npos) << garbage.output;
+
+   EXPECT_NE(tool("frobnicate " + dir.path()).status, 0);
+}

@@ -1,0 +1,242 @@
+// zaffa-tool: inspect a shared-memory table without changing it.
+//
+//   zaffa-tool info DIR          headers of all files, counts, generation,
+//                                whether an operation was interrupted
+//   zaffa-tool validate DIR      the attach-time validator, read-only;
+//                                exit 0 when the table is valid, 1 when not
+//   zaffa-tool dump DIR [--json] every entry as text (or JSON)
+//
+// The files are mapped read-only; nothing is ever repaired. Exit 2 for a
+// directory that is missing, unreadable or does not hold a table.
+
+#include "UloNat/UloNatAsyncTypes.h"
+#include "Zaffa/SharedMemFenixFile.h"
+#include "Zaffa/SharedMemOwnerFile.h"
+#include "Zaffa/Validator.h"
+#include "Zaffa/WriterHashMap.h"
+#include "Zaffa/ZaffaUtil.h"
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include <cstdio>
+#include <filesystem>
+#include <iostream>
+#include <optional>
+#include <vector>
+
+namespace {
+
+using Zaffa::U32;
+using Zaffa::U64;
+
+class UsageError : public std::runtime_error {
+ public:
+   using std::runtime_error::runtime_error;
+};
+
+// The files of one table, mapped read-only.
+class Table {
+ public:
+   explicit Table(std::string dir) : root_(std::move(dir)) {
+      std::error_code ec;
+      if (!std::filesystem::is_directory(root_.dir(), ec)) {
+         throw UsageError(fmt::format("{}: not a directory or not readable", root_.dir()));
+      }
+      open(slotFile_, Zaffa::FileNames::slots, true);
+      if (slotFile_.size() < sizeof(Zaffa::SlotTableHeader)) {
+         throw UsageError(fmt::format("{}: not a Zaffa table (slot file of {} bytes)", slotFile_.path(),
+                                      slotFile_.size()));
+      }
+      U64 magic;
+      std::memcpy(&magic, slots().header()->magic, sizeof magic);
+      if (magic != Zaffa::slotFileMagic) {
+         throw UsageError(fmt::format("{}: not a Zaffa table (bad magic: {:x})", slotFile_.path(), magic));
+      }
+      open(bucketFile_, Zaffa::FileNames::buckets, false);
+      open(trevineFile_, Zaffa::FileNames::trevine, false);
+      fenix_ = SharedMem::FenixFile(root_.file(Zaffa::FileNames::fenix)).read();
+   }
+
+   Zaffa::SlotMemory slots() const { return Zaffa::SlotMemory(slotFile_.base()); }
+   Zaffa::SlotTableHeader const* header() const { return slots().header(); }
+   bool hasBuckets() const { return bucketFile_.isOpen() && bucketFile_.size() >= ZaffaCore::bucketHeaderBytes; }
+   bool hasTrevine() const { return trevineFile_.isOpen() && trevineFile_.size() >= sizeof(Trevine::TrevineHeader); }
+   ZaffaCore::BucketView<Zaffa::SlotLink> buckets() const { return ZaffaCore::BucketView<Zaffa::SlotLink>(bucketFile_.base()); }
+   Trevine::TrevineView trevine() const { return Trevine::TrevineView(trevineFile_.base()); }
+   std::optional<SharedMem::FenixId> fenix() const { return fenix_; }
+   Mem::RootPath const& root() const { return root_; }
+   bool shadowEntries() const { return std::string_view(header()->valueType) == "Ulo::NatHwShadowEntry"; }
+
+   Zaffa::TableView view() const {
+      Zaffa::TableView v;
+      v.slots = slots();
+      v.slotFileSize = slotFile_.size();
+      v.buckets = buckets();
+      v.bucketFileSize = bucketFile_.size();
+      v.trevine = trevine();
+      v.trevineFileSize = trevineFile_.size();
+      if (shadowEntries()) {
+         using KeyOf = Zaffa::ValueKey<Ulo::NatHwKey, Ulo::NatHwShadowEntry>;
+         v.keyMatchesRhash = [](char const* value, U32 rhash, U32 seed) {
+            auto const& k = KeyOf::get(*reinterpret_cast<Ulo::NatHwShadowEntry const*>(value));
+            return Jorro::Util::reverse(k.hash(seed)) == rhash;
+         };
+         v.compareKeys = [](char const* a, char const* b) {
+            auto const& ka = KeyOf::get(*reinterpret_cast<Ulo::NatHwShadowEntry const*>(a));
+            auto const& kb = KeyOf::get(*reinterpret_cast<Ulo::NatHwShadowEntry const*>(b));
+            return ka < kb ? -1 : (kb < ka ? 1 : 0);
+         };
+      }
+      return v;
+   }
+
+   // Copies slot s as a reader does: retried while the writer changes it.
+   // Returns false when the slot does not hold a stable value.
+   bool readSlot(U32 s, std::vector<char>& value, U32& rhash) const {
+      U32 const valueSize = header()->valueSize;
+      value.resize(valueSize);
+      for (int attempt = 0; attempt < 1000; ++attempt) {
+         Zaffa::RawSlot slot = slots().slot(s);
+         U32 seq = slot.seq();
+         Zaffa::RawSlot from = (seq & Zaffa::seqLookaside) ? slots().lookaside() : slot;
+         rhash = from.rhash();
+         std::memcpy(value.data(), from.value(), valueSize);
+         std::atomic_thread_fence(std::memory_order_acquire);
+         if (slot.seq() == seq) return (seq & Zaffa::seqOccupied) != 0;
+      }
+      return false;
+   }
+
+ private:
+   void open(Mem::MappedFile& file, char const* name, bool required) {
+      std::string error;
+      if (!file.open(root_.file(name), Mem::MappedFile::Mode::readOnly, error) && required) {
+         throw UsageError(fmt::format("{}: not a Zaffa table ({}: {})", root_.dir(), name, error));
+      }
+   }
+
+   Mem::RootPath root_;
+   Mem::MappedFile slotFile_, bucketFile_, trevineFile_;
+   std::optional<SharedMem::FenixId> fenix_;
+};
+
+int info(Table const& t) {
+   auto const* h = t.header();
+   std::printf("table: %s\n", t.root().dir().c_str());
+   std::printf("slots: %s\n", h->toString().c_str());
+   std::printf("buckets: %s\n", t.hasBuckets() ? t.buckets().headerToString().c_str() : "missing");
+   std::printf("trevine: %s\n", t.hasTrevine() ? t.trevine().headerToString().c_str() : "missing");
+   SharedMem::OwnerFile owner(t.root().file(Zaffa::FileNames::owner));
+   std::string error;
+   bool ownerOk = std::filesystem::exists(owner.path()) && owner.open(error);
+   std::printf("owner: %s\n", ownerOk ? owner.headerToString().c_str() : "missing");
+   auto fenix = t.fenix();
+   std::printf("fenix file: %s\n", fenix ? fenix->toString().c_str() : "missing");
+   SharedMem::FenixId id{h->fenix};
+   std::printf("members: %u\ncapacity: %u\nmostSlots: %u\nmaxSlots: %u\n", h->occupiedSlots,
+               h->numSlotsValue(), h->mostSlots, h->maxSlots);
+   std::printf("generation: %u (pid half %u)\n", id.generation(), id.pid());
+   std::printf("interrupted: %s\n", (h->runtimeFlags & Zaffa::runtimeFlagInOperation) ? "yes" : "no");
+   std::string marker = Zaffa::Util::readCorruptionMarker(t.root());
+   std::printf("corruption-detected: %s\n", marker.empty() ? "no" : marker.c_str());
+   return 0;
+}
+
+int validate(Table const& t) {
+   if (!t.hasBuckets() || !t.hasTrevine()) {
+      std::printf("invalid: %s\n", !t.hasBuckets() ? "bucket file missing" : "trevine file missing");
+      return 1;
+   }
+   Zaffa::ValidatorCore validator(t.view());
+   U32 wanted = t.fenix() ? t.fenix()->value : 0;
+   if (!validator.validate(wanted)) {
+      std::printf("invalid: %s\n", validator.message().c_str());
+      return 1;
+   }
+   std::printf("valid: %u occupied, %u free slots%s\n", validator.occupiedSeen(), validator.freeSeen(),
+               t.shadowEntries() ? "" : " (keys checked by rhash only: unknown value type)");
+   return 0;
+}
+
+std::string hex(char const* p, std::size_t n) {
+   std::string s;
+   for (std::size_t i = 0; i < n; ++i) s += fmt::format("{:02x}", static_cast<unsigned char>(p[i]));
+   return s;
+}
+
+int dump(Table const& t, bool json) {
+   if (!t.hasBuckets()) throw UsageError(fmt::format("{}: bucket file missing", t.root().dir()));
+   U32 const numBuckets = t.buckets().numBuckets().value;
+   U32 const numSlots = t.header()->numSlotsValue();
+   nlohmann::json entries = nlohmann::json::array();
+   std::vector<char> value;
+   U64 count = 0;
+   for (U32 b = 0; b < numBuckets; ++b) {
+      U32 steps = 0;
+      for (Zaffa::SlotLink l = Zaffa::loadLink(t.buckets().head(b)); !l.endOfChain();
+           l = Zaffa::loadLink(t.slots().slot(l.next).link())) {
+         if (l.next >= numSlots || ++steps > numSlots) {
+            std::fprintf(stderr, "zaffa-tool: bucket %u: broken chain at slot %u\n", b, l.next);
+            return 1;
+         }
+         U32 rhash;
+         bool stable = t.readSlot(l.next, value, rhash);
+         std::string key, text;
+         if (t.shadowEntries()) {
+            auto const* e = reinterpret_cast<Ulo::NatHwShadowEntry const*>(value.data());
+            key = e->key().stringValue();
+            text = e->stringValue();
+         } else {
+            key = hex(value.data(), std::min<std::size_t>(value.size(), 40));
+            text = hex(value.data(), value.size());
+         }
+         if (json) {
+            entries.push_back({{"slot", l.next}, {"bucket", b}, {"rhash", rhash}, {"stable", stable},
+                               {"key", key}, {"value", text}});
+         } else {
+            std::printf("slot:%u bucket:%u rhash:%#x%s key:%s value:%s\n", l.next, b, rhash,
+                        stable ? "" : " (unstable)", key.c_str(), text.c_str());
+         }
+         ++count;
+      }
+   }
+   if (json) {
+      nlohmann::json doc = {{"table", t.root().dir()}, {"valueType", t.header()->valueType},
+                            {"members", t.header()->occupiedSlots}, {"entries", entries}};
+      std::printf("%s\n", doc.dump(2).c_str());
+   } else {
+      std::printf("entries: %llu\n", static_cast<unsigned long long>(count));
+   }
+   return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+   CLI::App app{"Inspect a Zaffa shared-memory table (read-only)"};
+   app.require_subcommand(1);
+   std::string dir;
+   bool json = false;
+   auto* infoCmd = app.add_subcommand("info", "headers, counts, capacity, generation");
+   infoCmd->add_option("DIR", dir, "root directory of the table")->required();
+   auto* validateCmd = app.add_subcommand("validate", "run the validator; exit 0 when valid");
+   validateCmd->add_option("DIR", dir, "root directory of the table")->required();
+   auto* dumpCmd = app.add_subcommand("dump", "every entry as text");
+   dumpCmd->add_option("DIR", dir, "root directory of the table")->required();
+   dumpCmd->add_flag("--json", json, "print JSON");
+   try {
+      app.parse(argc, argv);
+   } catch (CLI::ParseError const& e) {
+      return app.exit(e) == 0 ? 0 : 2;
+   }
+   try {
+      Table table(dir);
+      if (infoCmd->parsed()) return info(table);
+      if (validateCmd->parsed()) return validate(table);
+      return dump(table, json);
+   } catch (std::exception const& e) {
+      std::fprintf(stderr, "zaffa-tool: %s\n", e.what());
+      return 2;
+   }
+}
