@@ -1,0 +1,296 @@
+// The table against LMDB and std::unordered_map, with 40-byte keys and
+// 736-byte values, at 100,000 and 1,000,000 entries: insert, overwrite,
+// random lookup, remove. All three run in this binary, one after the other,
+// and the ratios are printed at the end.
+//
+// LMDB runs with MDB_NOSYNC | MDB_WRITEMAP in a tmpfs directory, like the
+// table (so neither pays for a disk); its inserts are measured with one put
+// per transaction and batched 1000 per transaction.
+
+#include "Zaffa/ZaffaWriter.h"
+
+#include <benchmark/benchmark.h>
+#include <lmdb.h>
+
+#include <chrono>
+#include <ctime>
+#include <cstdio>
+#include <filesystem>
+#include <map>
+#include <random>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace {
+
+using Vor::U32;
+using Vor::U64;
+
+struct BenchKey {
+   U64 id = 0;
+   U64 pad[4] = {};
+   static BenchKey of(U64 id) {
+      BenchKey k;
+      k.id = id;
+      k.pad[1] = id * 0x9e3779b97f4a7c15ull;
+      return k;
+   }
+   // Word by word, as the hardware key hashes its fields.
+   U32 hash(U32 seed) const {
+      U32 h = Vor::hashMix64(seed, id);
+      for (U64 p : pad) h = Vor::hashMix64(h, p);
+      return Vor::hashFinish(h);
+   }
+   bool operator==(BenchKey const&) const = default;
+   bool operator<(BenchKey const& o) const { return id < o.id; }
+};
+static_assert(sizeof(BenchKey) == 40);
+
+struct BenchValue {
+   BenchKey key;
+   U64 stamp = 0;
+   unsigned char payload[688] = {};
+};
+static_assert(sizeof(BenchValue) == 736);
+
+struct KeyHash {
+   std::size_t operator()(BenchKey const& k) const { return k.hash(0x1234); }
+};
+
+// ns per operation of each phase, by system and size.
+std::map<std::string, std::map<U64, double>> results;
+
+std::string tempDir(char const* tag) {
+   std::string base = std::filesystem::exists("/dev/shm") ? "/dev/shm" : "/tmp";
+   std::string p = base + "/zaffa-bench-" + tag + "-" + std::to_string(::getpid());
+   std::filesystem::remove_all(p);
+   std::filesystem::create_directories(p);
+   return p;
+}
+
+struct Workload {
+   std::vector<U64> insertOrder;   // a permutation of 0..n-1
+   std::vector<U64> lookups;       // uniform random ids
+   explicit Workload(U64 n) {
+      std::mt19937_64 rng(n);
+      insertOrder.resize(n);
+      for (U64 i = 0; i < n; ++i) insertOrder[i] = i;
+      std::shuffle(insertOrder.begin(), insertOrder.end(), rng);
+      lookups.resize(std::min<U64>(n, 1000000));
+      for (auto& l : lookups) l = rng() % n;
+   }
+};
+
+BenchValue valueOf(U64 id, U64 stamp) {
+   BenchValue v;
+   v.key = BenchKey::of(id);
+   v.stamp = stamp;
+   v.payload[0] = static_cast<unsigned char>(stamp);
+   return v;
+}
+
+double threadCpuNs() {
+   timespec ts;
+   ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+   return static_cast<double>(ts.tv_sec) * 1e9 + static_cast<double>(ts.tv_nsec);
+}
+
+// CPU time of this thread (user and kernel, page faults included) per
+// operation: on a shared machine the wall clock measures the neighbours.
+template <typename F>
+double nsPerOp(std::size_t ops, F&& f) {
+   double t0 = threadCpuNs();
+   f();
+   return (threadCpuNs() - t0) / static_cast<double>(ops);
+}
+
+void record(benchmark::State& state, std::string const& system, std::string const& phase, U64 n, double ns) {
+   results[system + "/" + phase][n] = ns;
+   state.counters[phase + "_ns"] = ns;
+}
+
+void BM_Zaffa(benchmark::State& state) {
+   U64 const n = static_cast<U64>(state.range(0));
+   Workload w(n);
+   for (auto _ : state) {
+      std::string dir = tempDir("zaffa");
+      Zaffa::WriterConfig c;
+      c.rootPath = dir;
+      c.minSlots = 1024;
+      c.maxSlots = static_cast<U32>(n);
+      c.initialBuckets = 1024;
+      Zaffa::ZaffaWriter<BenchKey, BenchValue> t(c);
+      t.attach();
+      record(state, "zaffa", "insert", n, nsPerOp(n, [&] {
+         for (U64 id : w.insertOrder) t.write(valueOf(id, 1), true);
+      }));
+      record(state, "zaffa", "overwrite", n, nsPerOp(n, [&] {
+         for (U64 id : w.insertOrder) t.write(valueOf(id, 2), true);
+      }));
+      U64 sum = 0;
+      record(state, "zaffa", "lookup", n, nsPerOp(w.lookups.size(), [&] {
+         for (U64 id : w.lookups) sum += t.lookup(BenchKey::of(id))->stamp;
+      }));
+      benchmark::DoNotOptimize(sum);
+      BenchValue old;
+      record(state, "zaffa", "remove", n, nsPerOp(n, [&] {
+         for (U64 id : w.insertOrder) t.remove(BenchKey::of(id), old);
+      }));
+      t.detach(true);
+      std::filesystem::remove_all(dir);
+   }
+}
+
+void BM_UnorderedMap(benchmark::State& state) {
+   U64 const n = static_cast<U64>(state.range(0));
+   Workload w(n);
+   for (auto _ : state) {
+      std::unordered_map<BenchKey, BenchValue, KeyHash> m;
+      record(state, "umap", "insert", n, nsPerOp(n, [&] {
+         for (U64 id : w.insertOrder) m.insert_or_assign(BenchKey::of(id), valueOf(id, 1));
+      }));
+      record(state, "umap", "overwrite", n, nsPerOp(n, [&] {
+         for (U64 id : w.insertOrder) m.insert_or_assign(BenchKey::of(id), valueOf(id, 2));
+      }));
+      U64 sum = 0;
+      record(state, "umap", "lookup", n, nsPerOp(w.lookups.size(), [&] {
+         for (U64 id : w.lookups) sum += m.find(BenchKey::of(id))->second.stamp;
+      }));
+      benchmark::DoNotOptimize(sum);
+      record(state, "umap", "remove", n, nsPerOp(n, [&] {
+         for (U64 id : w.insertOrder) m.erase(BenchKey::of(id));
+      }));
+   }
+}
+
+#define CHECK_MDB(call)                                                              \
+   do {                                                                              \
+      int rc_ = (call);                                                              \
+      if (rc_ != 0) {                                                                \
+         std::fprintf(stderr, "%s: %s\n", #call, mdb_strerror(rc_));                 \
+         std::abort();                                                               \
+      }                                                                              \
+   } while (0)
+
+void BM_Lmdb(benchmark::State& state) {
+   U64 const n = static_cast<U64>(state.range(0));
+   Workload w(n);
+   for (auto _ : state) {
+      std::string dir = tempDir("lmdb");
+      MDB_env* env;
+      CHECK_MDB(mdb_env_create(&env));
+      CHECK_MDB(mdb_env_set_mapsize(env, static_cast<std::size_t>(n) * 2048 + (64u << 20)));
+      CHECK_MDB(mdb_env_open(env, dir.c_str(), MDB_NOSYNC | MDB_WRITEMAP, 0644));
+      MDB_dbi dbi;
+      MDB_txn* txn;
+      CHECK_MDB(mdb_txn_begin(env, nullptr, 0, &txn));
+      CHECK_MDB(mdb_dbi_open(txn, nullptr, 0, &dbi));
+      CHECK_MDB(mdb_txn_commit(txn));
+      auto put = [&](MDB_txn* t, U64 id, U64 stamp) {
+         BenchKey k = BenchKey::of(id);
+         BenchValue v = valueOf(id, stamp);
+         MDB_val key{sizeof k, &k}, val{sizeof v, &v};
+         CHECK_MDB(mdb_put(t, dbi, &key, &val, 0));
+      };
+      auto single = [&](U64 id, U64 stamp) {
+         MDB_txn* t;
+         CHECK_MDB(mdb_txn_begin(env, nullptr, 0, &t));
+         put(t, id, stamp);
+         CHECK_MDB(mdb_txn_commit(t));
+      };
+      record(state, "lmdb", "insert", n, nsPerOp(n, [&] {
+         for (U64 id : w.insertOrder) single(id, 1);
+      }));
+      record(state, "lmdb", "overwrite", n, nsPerOp(n, [&] {
+         for (U64 id : w.insertOrder) single(id, 2);
+      }));
+      record(state, "lmdb", "overwrite_batched", n, nsPerOp(n, [&] {
+         for (U64 i = 0; i < n; i += 1000) {
+            MDB_txn* t;
+            CHECK_MDB(mdb_txn_begin(env, nullptr, 0, &t));
+            for (U64 j = i; j < std::min(n, i + 1000); ++j) put(t, w.insertOrder[j], 3);
+            CHECK_MDB(mdb_txn_commit(t));
+         }
+      }));
+      U64 sum = 0;
+      record(state, "lmdb", "lookup", n, nsPerOp(w.lookups.size(), [&] {
+         MDB_txn* t;
+         CHECK_MDB(mdb_txn_begin(env, nullptr, MDB_RDONLY, &t));
+         for (U64 id : w.lookups) {
+            BenchKey k = BenchKey::of(id);
+            MDB_val key{sizeof k, &k}, val;
+            CHECK_MDB(mdb_get(t, dbi, &key, &val));
+            sum += static_cast<BenchValue const*>(val.mv_data)->stamp;
+         }
+         mdb_txn_abort(t);
+      }));
+      benchmark::DoNotOptimize(sum);
+      record(state, "lmdb", "remove", n, nsPerOp(n, [&] {
+         for (U64 id : w.insertOrder) {
+            MDB_txn* t;
+            CHECK_MDB(mdb_txn_begin(env, nullptr, 0, &t));
+            BenchKey k = BenchKey::of(id);
+            MDB_val key{sizeof k, &k};
+            CHECK_MDB(mdb_del(t, dbi, &key, nullptr));
+            CHECK_MDB(mdb_txn_commit(t));
+         }
+      }));
+      // Batched inserts into the emptied database.
+      record(state, "lmdb", "insert_batched", n, nsPerOp(n, [&] {
+         for (U64 i = 0; i < n; i += 1000) {
+            MDB_txn* t;
+            CHECK_MDB(mdb_txn_begin(env, nullptr, 0, &t));
+            for (U64 j = i; j < std::min(n, i + 1000); ++j) put(t, w.insertOrder[j], 4);
+            CHECK_MDB(mdb_txn_commit(t));
+         }
+      }));
+      mdb_env_close(env);
+      std::filesystem::remove_all(dir);
+   }
+}
+
+BENCHMARK(BM_Zaffa)->Arg(100000)->Arg(1000000)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Lmdb)->Arg(100000)->Arg(1000000)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_UnorderedMap)->Arg(100000)->Arg(1000000)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+double get(std::string const& key, U64 n) {
+   auto it = results.find(key);
+   if (it == results.end() || !it->second.count(n)) return 0;
+   return it->second[n];
+}
+
+void printRatios() {
+   std::printf("\n%-10s %-10s %12s %12s %12s %14s\n", "entries", "phase", "zaffa ns", "lmdb ns",
+               "umap ns", "lmdb batch ns");
+   for (U64 n : {100000ull, 1000000ull}) {
+      for (char const* phase : {"insert", "overwrite", "lookup", "remove"}) {
+         std::string batched = std::string("lmdb/") + phase + "_batched";
+         std::printf("%-10llu %-10s %12.1f %12.1f %12.1f %14.1f\n", static_cast<unsigned long long>(n), phase,
+                     get(std::string("zaffa/") + phase, n), get(std::string("lmdb/") + phase, n),
+                     get(std::string("umap/") + phase, n), get(batched, n));
+      }
+   }
+   std::printf("\nratios (goal in brackets):\n");
+   for (U64 n : {100000ull, 1000000ull}) {
+      double zi = get("zaffa/insert", n), zl = get("zaffa/lookup", n);
+      if (zi == 0 || zl == 0) continue;
+      std::printf("%llu entries: insert vs LMDB single put %.2fx [>= 3], vs LMDB batched %.2fx; "
+                  "lookup vs LMDB %.2fx [>= 4]; lookup / unordered_map %.2f [<= 1.5]; "
+                  "insert / unordered_map %.2f [<= 2]\n",
+                  static_cast<unsigned long long>(n), get("lmdb/insert", n) / zi,
+                  get("lmdb/insert_batched", n) / zi, get("lmdb/lookup", n) / zl,
+                  zl / get("umap/lookup", n), zi / get("umap/insert", n));
+   }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+   benchmark::Initialize(&argc, argv);
+   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+   benchmark::RunSpecifiedBenchmarks();
+   benchmark::Shutdown();
+   printRatios();
+   return 0;
+}
