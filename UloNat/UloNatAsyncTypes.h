@@ -28,9 +28,12 @@
 //
 //   NatHwShadowEntry (736 bytes): key at 0, data at 40, dirty (U32) at 728.
 //
-// Padding bytes are zero in every value built by these classes (members have
-// zero initialisers and the arrays zero what they delete), but readers must
-// not rely on padding: equality is member-wise.
+// NatHwData and NatHwShadowEntry have padding (after protocol,
+// staticAclSharing and multicast, inside the egress array, at the end of the
+// entry) whose bytes are not specified. Equality is member-wise; nothing may
+// compare or checksum these records byte for byte. Array cells past a count
+// are zero (Vorn::PodArray), so member-wise equality is also what a byte copy
+// preserves.
 //
 // Thread safety: values; const operations may run concurrently. The entities
 // at the end follow the one-thread rule of the library.

@@ -84,3 +84,23 @@ TEST(LumetIpAddrWithFullMask, PrintsBitCountForAnyMask) {
    EXPECT_LT(contiguous, wide);
    EXPECT_TRUE(IpAddrWithFullMask().isDefault());
 }
+
+TEST(LumetIpGenAddr, FamiliesTextAndOrder) {
+   Lumet::IpGenAddr v4(*IpAddr::parse("10.0.0.1"));
+   EXPECT_TRUE(v4.isV4());
+   EXPECT_EQ(v4.v4Addr(), *IpAddr::parse("10.0.0.1"));
+   EXPECT_EQ(v4.stringValue(), "10.0.0.1");
+   Vor::U8 bytes[16] = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+   Lumet::IpGenAddr v6 = Lumet::IpGenAddr::fromV6Bytes(bytes);
+   EXPECT_EQ(v6.stringValue(), "2001:db8::1");
+   // The zero address of each family: equal to itself, not to the other one.
+   Lumet::IpGenAddr zero4(Lumet::IpGenAddr::ipv4);
+   Lumet::IpGenAddr zero6(Lumet::IpGenAddr::ipv6);
+   EXPECT_TRUE(zero4.isZero() && zero6.isZero());
+   EXPECT_EQ(zero4, Lumet::IpGenAddr(IpAddr()));
+   EXPECT_FALSE(zero4 == zero6);
+   EXPECT_NE(zero4.hash(0), zero6.hash(0));
+   // Family first: every IPv4 address sorts before every IPv6 one.
+   EXPECT_LT(Lumet::IpGenAddr(*IpAddr::parse("255.255.255.255")), zero6);
+   EXPECT_LT(zero4, v4);
+}
