@@ -133,7 +133,7 @@ class HashTable {
       Node* node = new Node(h, key, std::forward<A>(args)...);
       if (size_ >= bucketCount_) {
          grow(size_ + 1);
-      } else if constexpr (!kStableIteration) {
+      } else {
          maybeShrink();
       }
       Node*& head = buckets_[h & mask_];
@@ -165,7 +165,6 @@ class HashTable {
             *link = n->next;
             --size_;
             ++version_;
-            if constexpr (kStableIteration) maybeShrink();
             retire(n);
             return true;
          }
@@ -347,11 +346,12 @@ class HashTable {
       rehash(std::max(bucketCount_ * 2, bucketsFor(count)));
    }
 
-   // Shrinks the array when the load falls under 1/8, so that a table that
-   // was large and is now small does not make iteration walk empty buckets.
-   // Stable iteration: at erase, unless iterators exist (then when the last
-   // one goes). Otherwise only at the next insertion, so that erasing during
-   // a walk never moves the members that the walk has yet to reach.
+   // Shrinks the array when the load has fallen under 1/8, so that a table
+   // that was large and is now small does not make iteration walk empty
+   // buckets. Checked at insertion (and, with stable iteration, when the
+   // last iterator goes), never at erase: erasing during a walk must not
+   // move the members that the walk has yet to reach, and a table emptied
+   // one erase at a time should not pay for a resize at every halving.
    void maybeShrink() {
       if (kStableIteration && iterators_ > 0) return;
       if (bucketCount_ > kMinBuckets && size_ * 8 < bucketCount_) rehash(bucketsFor(size_ * 2));
