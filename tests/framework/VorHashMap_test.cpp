@@ -154,6 +154,20 @@ TEST(HashMap, ValueTypeAndStringKeys) {
    EXPECT_EQ(*byName.find("eth499"), 499);
    EXPECT_EQ(byName.find("eth500"), nullptr);
    EXPECT_EQ(*byStdName.find("eth7"), 7);
+
+   enum class Kind : Vor::U8 { a, b, c };
+   Vor::HashMap<Kind, int> byKind;
+   byKind.insert(Kind::c, 3);
+   EXPECT_EQ(byKind.find(Kind::a), nullptr);
+   EXPECT_EQ(*byKind.find(Kind::c), 3);
+
+   // Pointers key by identity.
+   Vor::Ptr<Shared> one(new Shared(1)), other(new Shared(1));
+   Vor::HashMap<Vor::Ptr<Shared>, int> byObject;
+   byObject.insert(one, 1);
+   EXPECT_TRUE(byObject.contains(one));
+   EXPECT_FALSE(byObject.contains(other));
+   byObject.clear();
 }
 
 TEST(HashMap, ValuesNeedNoDefaultConstructorAndAreDestroyedOnce) {
