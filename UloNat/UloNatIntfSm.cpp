@@ -1,0 +1,335 @@
+// Ulo::NatIntfStatusSm: the frame (construction, replay, profiles and VLANs,
+// cleanup) and the bookkeeping shared by every kind of unprogrammed entry.
+
+#include "UloNat/UloNatIntfSm.h"
+
+#include <sstream>
+#include <vector>
+
+#include "framework/UloAssert.h"
+#include "framework/VorLog.h"
+#include "framework/VorTrace.h"
+
+VOR_TRACE_HANDLE("UloNatIntfSm");
+
+namespace Ulo {
+
+namespace {
+
+// The messages this file emits; each emitting source holds its own handle.
+Vor::LogHandle NAT_HW_RESOURCE_NORMAL(
+   "NAT_HW_RESOURCE_NORMAL", 6, "All NAT rules are programmed in hardware",
+   "The switch was able to program all the NAT rules in the NAT table", Vor::NoActionRequired,
+   0.0, 1.0, 0);
+
+Vor::LogHandle NAT_HW_RESOURCE_FULL(
+   "NAT_HW_RESOURCE_FULL", 3, "Hardware resources are insufficient to program all NAT rules",
+   "The switch is unable to program all NAT rules due to insufficient hardware resources.",
+   "Reconfigure your NAT rules to reduce the size and/or complexity of the NAT rules.", 0.0, 1.0,
+   0);
+
+} // namespace
+
+std::string TwiceNatWatchedAddr::stringValue() const {
+   return Vor::format("Value('Ulo::TwiceNatWatchedAddr', ** {'srcWatchedAddr': %s, "
+                      "'dstWatchedAddr': %s})",
+                      srcWatchedAddr.stringValue().c_str(), dstWatchedAddr.stringValue().c_str())
+      .stdString();
+}
+
+Vor::U16 intfProfileId(Lumet::IntfId const& intfId) {
+   uloAssert(Lumet::NatIntfId::isNatProfileIntfId( intfId ));
+   return Lumet::NatIntfId::profileId(intfId);
+}
+
+// ---- reactors ----
+
+NatIntfStatusSm::VorIntfStatus::VorIntfStatus(NatIntfStatusSm* sm)
+    : Reactor(sm, [] () -> Bindings const& {
+         // Twice connections and trap rules get their bindings with the
+         // capabilities that handle them.
+         static Bindings const b{
+            onKey<Lumet::IntfId>(Ip::Nat::IntfStatus::validIntfId,
+                                 &NatIntfStatusSm::handleNatIntfProfile),
+            onKey<Ip::Nat::StaticKey>(Ip::Nat::IntfStatus::staticConnectionId,
+                                      &NatIntfStatusSm::handleStaticConnection),
+         };
+         return b;
+      }()) {}
+
+NatIntfStatusSm::VorStaticBacklogTask::VorStaticBacklogTask(NatIntfStatusSm* sm)
+    : Reactor(sm, [] () -> Bindings const& {
+         static Bindings const b{onEvent(Dov::Task::taskRunId, &NatIntfStatusSm::doProcessBacklogStatic)};
+         return b;
+      }()) {}
+
+NatIntfStatusSm::VorDynamicBacklogTask::VorDynamicBacklogTask(NatIntfStatusSm* sm)
+    : Reactor(sm, [] () -> Bindings const& {
+         static Bindings const b{onEvent(Dov::Task::taskRunId, &NatIntfStatusSm::doProcessBacklogDynamic)};
+         return b;
+      }()) {}
+
+// ---- construction ----
+
+NatIntfStatusSm::NatIntfStatusSm(
+   Ptr<UloCommonSmData> const& commonSmData, Ptr<Ip::Nat::IntfStatus const> const& intfStatus,
+   Ptr<Ip::Nat::Status const> const& status, Ptr<Ip::Nat::HwStatus> const& hwStatus,
+   Ptr<Ip::Nat::DynamicConnectionStatus> const& dynamicConnectionStatus,
+   Ptr<Ip::Nat::DynamicConnectionHwStatus> const& dynamicConnectionHwStatus,
+   Ptr<Ip::Nat::HwCapabilities const> const& hwCapabilities,
+   Ptr<UloHelper::UloHelperNat> const& natHelper, Ptr<MrouteLib::StaticNatInfo> const& staticNatInfo,
+   Ptr<NatSmStatus> const& natSmStatus, Ptr<NatSmStatusNotif> const& natSmStatusNotif,
+   Ptr<Dov::TaskScheduler> const& taskScheduler, VrfId vrfId,
+   Ptr<NatMulticastAdapter> const& multicastAdapter)
+    : UloBaseSm(commonSmData),
+      intfStatus_(this, [this] { return std::make_unique<VorIntfStatus>(this); }),
+      status_(status),
+      hwStatus_(hwStatus),
+      dynamicConnectionStatus_(dynamicConnectionStatus),
+      dynamicConnectionHwStatus_(dynamicConnectionHwStatus),
+      hwCapabilities_(hwCapabilities),
+      natHelper_(natHelper),
+      staticNatInfo_(staticNatInfo),
+      natSmStatus_(natSmStatus),
+      natSmStatusNotif_(natSmStatusNotif),
+      taskScheduler_(taskScheduler),
+      vrfId_(vrfId),
+      multicastAdapter_(multicastAdapter),
+      staticBacklogTask_(this, [this] { return std::make_unique<VorStaticBacklogTask>(this); }),
+      dynamicBacklogTask_(this, [this] { return std::make_unique<VorDynamicBacklogTask>(this); }) {
+   intfStatus_.notifierIs(intfStatus);
+   if (intfStatus) natIntf_ = intfStatus->intfId();
+   cleanupInProgress_ = false;
+   connectionInitInProgress_ = true;
+   // The trap-rule member reactors are made here once trap rules are handled
+   // by the engine.
+}
+
+NatIntfStatusSm::~NatIntfStatusSm() {
+   // The root has run doCleanup() before it dropped the engine; nothing is
+   // programmed from here.
+   vorDoZombieReactors(true);
+   staticBacklogTask_.notifierIs(nullptr);
+   dynamicBacklogTask_.notifierIs(nullptr);
+   intfStatus_.notifierIs(nullptr);
+}
+
+Ptr<NatIntfStatusSm> NatIntfStatusSmIs(
+   Ptr<UloCommonSmData> const& commonSmData, Ptr<Ip::Nat::IntfStatus const> const& intfStatus,
+   Ptr<Ip::Nat::Status const> const& status, Ptr<Ip::Nat::HwStatus> const& hwStatus,
+   Ptr<Ip::Nat::DynamicConnectionStatus> const& dynamicConnectionStatus,
+   Ptr<Ip::Nat::DynamicConnectionHwStatus> const& dynamicConnectionHwStatus,
+   Ptr<Ip::Nat::HwCapabilities const> const& hwCapabilities,
+   Ptr<UloHelper::UloHelperNat> const& natHelper, Ptr<MrouteLib::StaticNatInfo> const& staticNatInfo,
+   Ptr<NatSmStatus> const& natSmStatus, Ptr<NatSmStatusNotif> const& natSmStatusNotif,
+   Ptr<Dov::TaskScheduler> const& taskScheduler, VrfId vrfId,
+   Ptr<NatMulticastAdapter> const& multicastAdapter) {
+   Ptr<NatIntfStatusSm> sm(new NatIntfStatusSm(
+      commonSmData, intfStatus, status, hwStatus, dynamicConnectionStatus, dynamicConnectionHwStatus,
+      hwCapabilities, natHelper, staticNatInfo, natSmStatus, natSmStatusNotif, taskScheduler, vrfId,
+      multicastAdapter));
+   sm->hasNotificationActiveIs(true);
+   return sm;
+}
+
+L3::VrfName NatIntfStatusSm::vrfName() const {
+   auto is = intfStatus();
+   return is ? is->vrfName() : L3::VrfName();
+}
+
+Ptr<StaticNatAddrInfo> NatIntfStatusSm::watchedAddrStaticKey(Lumet::IpAddr const& addr) const {
+   auto it = watchedAddrStaticKey_.find(addr);
+   return it == watchedAddrStaticKey_.end() ? Ptr<StaticNatAddrInfo>() : it->second;
+}
+
+Ptr<DeferredStaticNatConnectionHw> NatIntfStatusSm::deferredStaticNatConnectionHw(
+   Ip::Nat::StaticKey const& key) const {
+   auto it = deferredStaticNatConnectionHw_.find(key);
+   return it == deferredStaticNatConnectionHw_.end() ? Ptr<DeferredStaticNatConnectionHw>()
+                                                     : it->second;
+}
+
+Ptr<DeferredTwiceNatConnectionHw> NatIntfStatusSm::deferredTwiceNatConnectionHw(
+   TwiceNatKey const& key) const {
+   auto it = deferredTwiceNatConnectionHw_.find(key);
+   return it == deferredTwiceNatConnectionHw_.end() ? Ptr<DeferredTwiceNatConnectionHw>()
+                                                    : it->second;
+}
+
+Ptr<Ip::Nat::HwIntfStatus> NatIntfStatusSm::hwIntfStatus() const {
+   return hwStatus_->intfStatus(natIntf_);
+}
+
+void NatIntfStatusSm::hasNotificationActiveIs(bool active) {
+   UloBaseSm::hasNotificationActiveIs(active);
+}
+
+void NatIntfStatusSm::vorDoZombieReactors(bool zombie) {
+   UloBaseSm::vorDoZombieReactors(zombie);
+}
+
+// ---- start ----
+
+void NatIntfStatusSm::handleInitialized() {
+   if (!initialized()) return;
+   vrfStatus_ = natSmStatus_->natSmStatusVrf(vrfId_);
+   uloAssert(vrfStatus());
+
+   // The tasks exist before hardware is looked at, so an engine that waits
+   // for hardware has them too.
+   staticTask_ = Ptr<Dov::Task>(new Dov::Task(taskScheduler_, 2, "staticNat"));
+   staticBacklogTask_.notifierIs(staticTask_);
+   dynamicTask_ = Ptr<Dov::Task>(new Dov::Task(taskScheduler_, 2, "dynamicNat"));
+   dynamicBacklogTask_.notifierIs(dynamicTask_);
+
+   if (!natHelper_->hwInitialized()) {
+      VOR_TRACE(5, natIntf_ << " HW is not initialized.");
+      return;
+   }
+   auto is = intfStatus();
+   if (!natHelper_->hwNatProfileSupported() && is) vlanId_ = is->profileOrVlanId();
+
+   // Dynamic entries are replayed before twice entries, so that a twice rule
+   // finds its dynamic halves already recorded.
+   handleNatIntfProfile();
+   handleStaticConnection();
+   handleTrapRule();
+   if (hwCapabilities_->dynamicNatSupported()) handleDynamicConnection();
+   handleTwiceNatConnection();
+   connectionInitInProgress_ = false;
+}
+
+// ---- walks whose keyed handlers come with the other kinds of rule ----
+
+void NatIntfStatusSm::handleTwiceNatConnection() {
+   // Walks intfStatus's twiceNatConnection once twice NAT is handled by the
+   // engine (handleTwiceNatConnection(group)); until then there is nothing
+   // to call per group.
+}
+
+void NatIntfStatusSm::handleDynamicConnection() {
+   // Walks the interface's dynamic connections once dynamic NAT is handled by
+   // the engine (handleDynamicConnection(key)).
+}
+
+void NatIntfStatusSm::handleTrapRule() {
+   // Walks intfStatus's trapRule once trap rules are handled by the engine
+   // (handleTrapRule(key)).
+}
+
+void NatIntfStatusSm::doProcessBacklogDynamic() {
+   // The dynamic backlog (deferredDynamicNat) is filled and drained by the
+   // dynamic-NAT path of the engine; nothing defers dynamic work yet.
+}
+
+// ---- profiles and VLANs ----
+
+void NatIntfStatusSm::handleNatIntfProfile() {
+   auto is = intfStatus();
+   if (!is) return;
+   Vor::U16 const profile = is->profileOrVlanId();
+   if (!natHelper_->hwNatProfileSupported() || profile == 0) return;
+   std::vector<Lumet::IntfId> members;
+   for (auto const& [intf, vlan] : is->validIntf()) members.push_back(intf);
+   for (auto const& intf : members) handleNatIntfProfile(intf);
+}
+
+void NatIntfStatusSm::handleNatIntfProfile(Lumet::IntfId const& intf) {
+   auto is = intfStatus();
+   if (!is) return;
+   Vor::U16 const profile = is->profileOrVlanId();
+   if (!natHelper_->hwNatProfileSupported() || profile == 0) return;
+   if (is->validIntfHas(intf)) {
+      Vor::U16 const vlanId = is->validIntf(intf);
+      uloAssert(vlanId);
+      natHelper_->setNatProfile(vlanId, profile, is->vrfName());
+      intfVlan_[intf] = vlanId;
+      natSmStatus_->vlanIdToProfileIdIs(vlanId, profile);
+      return;
+   }
+   auto it = intfVlan_.find(intf);
+   if (it == intfVlan_.end()) return;
+   Vor::U16 const vlanId = it->second;
+   uloAssert(vlanId);
+   intfVlan_.erase(it);
+   // A VLAN that another profile has taken meanwhile is that engine's to
+   // clear, not ours.
+   if (natSmStatus_->vlanIdToProfileId(vlanId) == profile) {
+      natHelper_->clearNatProfile(vlanId);
+      natSmStatus_->vlanIdToProfileIdDel(vlanId);
+   }
+}
+
+// ---- cleanup ----
+
+void NatIntfStatusSm::doCleanup() {
+   // From here on the backlogs run outside their task and never yield.
+   cleanupInProgress_ = true;
+   if (pendingCommit_) doProcessBacklogStatic();
+   if (!deferredDynamicNat_.empty()) doProcessBacklogDynamic();
+
+   if (auto ue = natSmStatus_->unprogrammedEntries(natIntf_)) {
+      ue->staticEntriesDelAll();
+      ue->twiceEntriesDelAll();
+      ue->dynamicEntriesDelAll();
+      ue->trapAclsDelAll();
+      natSmStatus_->unprogrammedEntriesDel(natIntf_);
+   }
+
+   auto is = intfStatus();
+   Vor::U16 const profile = is ? is->profileOrVlanId() : 0;
+   for (auto const& [intf, vlanId] : intfVlan_) {
+      // The vlanIdToProfileId entries stay: another engine may bind the VLAN
+      // again, and the map only says who bound it last.
+      if (natSmStatus_->vlanIdToProfileId(vlanId) == profile) natHelper_->clearNatProfile(vlanId);
+   }
+   intfVlan_.clear();
+}
+
+void NatIntfStatusSm::doCleanupConnections() {
+   uloAssert(!natHelper()->hwInitialized() && "HW needs to be disabled before cleanup");
+   // Hardware is down, so each keyed handler takes its delete branch.
+   handleStaticConnection();
+   handleTrapRule();
+   // Dynamic connections in hardware are taken out by the dynamic-NAT path
+   // once the engine handles them.
+   handleTwiceNatConnection();
+}
+
+// ---- unprogrammed bookkeeping ----
+
+void NatIntfStatusSm::addUnprogrammedEntry(NatType type, bool fullTable) {
+   auto ue = natSmStatus_->unprogrammedEntries(natIntf_);
+   if (!ue) {
+      ue = natUnprogrammedEntriesFactory(natIntf_);
+      uloAssert(ue);
+      natSmStatus_->unprogrammedEntriesIs(ue);
+   }
+   VOR_TRACE(7, natIntf_ << " addUnprogrammedEntry type: " << static_cast<int>(type)
+                         << " fullTable: " << fullTable);
+   if (fullTable && !natSmStatus_->fullTable()) {
+      VOR_TRACE(3, "First unprogrammed nat entry");
+      Vor::log(NAT_HW_RESOURCE_FULL);
+      natSmStatusNotif_->logsFullInc(1);
+      natSmStatus_->fullTableIs(true);
+   }
+   natSmStatusNotif_->kickUnprogrammedReviewInc(1);
+}
+
+void NatIntfStatusSm::checkUnprogrammedEntries() {
+   auto ue = natSmStatus_->unprogrammedEntries(natIntf_);
+   if (!ue) return;
+   if (ue->staticEntries().size() || ue->twiceEntries().size() || ue->dynamicEntries().size() ||
+       ue->trapAcls().size()) {
+      return;
+   }
+   natSmStatus_->unprogrammedEntriesDel(natIntf_);
+   if (natSmStatus_->fullTable() && natSmStatus_->unprogrammedEntries().size() == 0) {
+      VOR_TRACE(3, "All unprogrammed nat rules have been restored in hw");
+      Vor::log(NAT_HW_RESOURCE_NORMAL);
+      natSmStatusNotif_->logsNormalInc(1);
+      natSmStatus_->fullTableIs(false);
+   }
+}
+
+} // namespace Ulo

@@ -1,0 +1,379 @@
+#pragma once
+// Ulo::NatIntfStatusSm: the engine of one NAT interface.
+//
+// The root state machine (Ulo::NatSm) makes one engine for each NAT interface
+// whose VRF is ready in hardware. The engine watches the interface's
+// configuration (Ip::Nat::IntfStatus), turns each change into operations of
+// the hardware helper (UloHelper::UloHelperNat), records what is in force in
+// Ip::Nat::HwIntfStatus and what could not be programmed in the shared
+// Ulo::NatUnprogrammedEntries, for the root's review to retry.
+//
+// Sources of the class:
+//   UloNat/UloNatIntfSm.cpp           frame: construction, replay, profiles and
+//                                     VLANs, cleanup, unprogrammed bookkeeping
+//   UloNat/UloNatIntfSmStatic.cpp     static connections, next-hop updates,
+//                                     deferred commit and backlog
+//   UloNat/UloNatMulticastIntf.cpp    the multicast operations that the static
+//                                     path calls (engine without an adapter)
+//
+// Thread safety: none needed. Every handler and both backlog tasks run on the
+// agent's one scheduler thread, one at a time; nothing here is locked.
+//
+// Invariants (each an assertion with the expression text shown):
+//  1. "vrfStatus()": the root made the engine's Ulo::NatSmStatusVrf before
+//     the engine, and it lives as long as the engine.
+//  2. "hwIntfStatus": Ip::Nat::HwStatus holds this interface's
+//     Ip::Nat::HwIntfStatus whenever the engine records hardware state.
+//  3. "!natHelper()->immediateCommit()": the deferred lists are only used on
+//     a helper that commits in batches.
+//  4. "vlanId": a member interface of a profile never has VLAN 0.
+//  5. "addrInfo": a watched address's reverse-index entity can always be made.
+//  6. "ue": an unprogrammed-entries record can always be made.
+//  7. A key is in at most one unprogrammed set of one interface, and a key in
+//     the unprogrammed set has nothing in hardware status and no watched
+//     address.
+//  8. With pendingCommit() false and no backlog task at work, both deferred
+//     lists are empty.
+
+#include <map>
+#include <memory>
+#include <set>
+
+#include "UloNat/UloHelperNat.h"
+#include "UloNat/UloNatMulticastTransition.h"
+#include "UloNat/UloNatTypes.h"
+#include "framework/DovTask.h"
+#include "framework/UloBaseSm.h"
+#include "framework/VorReactor.h"
+
+namespace Ulo {
+
+class NatMulticastAdapter;
+
+// The keys that watch one next-hop address, per kind of connection.
+class StaticNatAddrInfo : public Vor::PtrInterface {
+ public:
+   explicit StaticNatAddrInfo(Lumet::IpAddr const& addr) : addr_(addr) {}
+   Lumet::IpAddr const& addr() const { return addr_; }
+   std::set<Ip::Nat::StaticKey> const& mappedAddr() const { return mappedAddr_; }
+   bool mappedAddrHas(Ip::Nat::StaticKey const& key) const { return mappedAddr_.count(key) != 0; }
+   void mappedAddrIs(Ip::Nat::StaticKey const& key) { mappedAddr_.insert(key); }
+   void mappedAddrDel(Ip::Nat::StaticKey const& key) { mappedAddr_.erase(key); }
+
+ private:
+   Lumet::IpAddr addr_;
+   std::set<Ip::Nat::StaticKey> mappedAddr_;
+};
+
+class TwiceNatAddrInfo : public Vor::PtrInterface {
+ public:
+   explicit TwiceNatAddrInfo(Lumet::IpAddr const& addr) : addr_(addr) {}
+   Lumet::IpAddr const& addr() const { return addr_; }
+   std::set<TwiceNatKey> const& mappedAddr() const { return mappedAddr_; }
+   void mappedAddrIs(TwiceNatKey const& key) { mappedAddr_.insert(key); }
+   void mappedAddrDel(TwiceNatKey const& key) { mappedAddr_.erase(key); }
+
+ private:
+   Lumet::IpAddr addr_;
+   std::set<TwiceNatKey> mappedAddr_;
+};
+
+class DynamicNatAddrInfo : public Vor::PtrInterface {
+ public:
+   explicit DynamicNatAddrInfo(Lumet::IpAddr const& addr) : addr_(addr) {}
+   Lumet::IpAddr const& addr() const { return addr_; }
+   std::set<Lumet::ConnTuple> const& mappedAddr() const { return mappedAddr_; }
+   void mappedAddrIs(Lumet::ConnTuple const& key) { mappedAddr_.insert(key); }
+   void mappedAddrDel(Lumet::ConnTuple const& key) { mappedAddr_.erase(key); }
+
+ private:
+   Lumet::IpAddr addr_;
+   std::set<Lumet::ConnTuple> mappedAddr_;
+};
+
+// The two addresses that one twice connection watches.
+struct TwiceNatWatchedAddr {
+   Lumet::IpAddr srcWatchedAddr;
+   Lumet::IpAddr dstWatchedAddr;
+
+   bool operator==(TwiceNatWatchedAddr const&) const = default;
+   bool operator<(TwiceNatWatchedAddr const& o) const {
+      if (srcWatchedAddr < o.srcWatchedAddr) return true;
+      if (o.srcWatchedAddr < srcWatchedAddr) return false;
+      return dstWatchedAddr < o.dstWatchedAddr;
+   }
+   std::string stringValue() const;
+};
+
+enum class DeferredDynamicNatEvent : Vor::U8 {
+   addDyn = 0,
+   deleteDyn = 1,
+   updateDyn = 2,
+   deleteAndAddDyn = 3,
+};
+
+// A static connection whose hardware status waits for the next commit.
+class DeferredStaticNatConnectionHw : public Vor::PtrInterface {
+ public:
+   explicit DeferredStaticNatConnectionHw(Ip::Nat::StaticKey const& key) : staticKey_(key) {}
+   Ip::Nat::StaticKey const& staticKey() const { return staticKey_; }
+   // The batch removes this key.
+   bool deleteConnection() const { return deleteConnection_; }
+   void deleteConnectionIs(bool v) { deleteConnection_ = v; }
+   // A next hop changed while the entry waited.
+   bool updateNextHop() const { return updateNextHop_; }
+   void updateNextHopIs(bool v) { updateNextHop_ = v; }
+   // What to record in hardware status; unused on a delete.
+   Ip::Nat::NatStaticConnection const& connEntry() const { return connEntry_; }
+   void connEntryIs(Ip::Nat::NatStaticConnection const& c) { connEntry_ = c; }
+   // The multicast state changed while the entry waited.
+   bool updateMulticast() const { return updateMulticast_; }
+   void updateMulticastIs(bool v) { updateMulticast_ = v; }
+
+ private:
+   Ip::Nat::StaticKey staticKey_;
+   bool deleteConnection_ = false;
+   bool updateNextHop_ = false;
+   Ip::Nat::NatStaticConnection connEntry_;
+   bool updateMulticast_ = false;
+};
+
+// A twice connection whose hardware status waits for the next commit. Its
+// producer is the twice-NAT path of the engine.
+class DeferredTwiceNatConnectionHw : public Vor::PtrInterface {
+ public:
+   explicit DeferredTwiceNatConnectionHw(TwiceNatKey const& key) : key_(key) {}
+   TwiceNatKey const& key() const { return key_; }
+   Ip::Nat::HwNatTwiceAddr const& addr() const { return addr_; }
+   void addrIs(Ip::Nat::HwNatTwiceAddr const& a) { addr_ = a; }
+   bool deletion() const { return deletion_; }
+   void deletionIs(bool v) { deletion_ = v; }
+   bool updateNextHop() const { return updateNextHop_; }
+   void updateNextHopIs(bool v) { updateNextHop_ = v; }
+   bool updateMulticast() const { return updateMulticast_; }
+   void updateMulticastIs(bool v) { updateMulticast_ = v; }
+
+ private:
+   TwiceNatKey key_;
+   Ip::Nat::HwNatTwiceAddr addr_;
+   bool deletion_ = false;
+   bool updateNextHop_ = false;
+   bool updateMulticast_ = false;
+};
+
+// The profile number of a NAT profile interface.
+// REQUIRES: Lumet::NatIntfId::isNatProfileIntfId(intf).
+Vor::U16 intfProfileId(Lumet::IntfId const& intf);
+
+class NatIntfStatusSm : public UloBaseSm {
+ public:
+   // Reactor on the interface's configuration.
+   class VorIntfStatus : public Vor::Reactor<Ip::Nat::IntfStatus, NatIntfStatusSm> {
+    public:
+      explicit VorIntfStatus(NatIntfStatusSm* sm);
+   };
+   // Reactors on the two backlog tasks.
+   class VorStaticBacklogTask : public Vor::Reactor<Dov::Task, NatIntfStatusSm> {
+    public:
+      explicit VorStaticBacklogTask(NatIntfStatusSm* sm);
+   };
+   class VorDynamicBacklogTask : public Vor::Reactor<Dov::Task, NatIntfStatusSm> {
+    public:
+      explicit VorDynamicBacklogTask(NatIntfStatusSm* sm);
+   };
+
+   NatIntfStatusSm(Ptr<UloCommonSmData> const& commonSmData,
+                   Ptr<Ip::Nat::IntfStatus const> const& intfStatus,
+                   Ptr<Ip::Nat::Status const> const& status,
+                   Ptr<Ip::Nat::HwStatus> const& hwStatus,
+                   Ptr<Ip::Nat::DynamicConnectionStatus> const& dynamicConnectionStatus,
+                   Ptr<Ip::Nat::DynamicConnectionHwStatus> const& dynamicConnectionHwStatus,
+                   Ptr<Ip::Nat::HwCapabilities const> const& hwCapabilities,
+                   Ptr<UloHelper::UloHelperNat> const& natHelper,
+                   Ptr<MrouteLib::StaticNatInfo> const& staticNatInfo,
+                   Ptr<NatSmStatus> const& natSmStatus,
+                   Ptr<NatSmStatusNotif> const& natSmStatusNotif,
+                   Ptr<Dov::TaskScheduler> const& taskScheduler, VrfId vrfId,
+                   Ptr<NatMulticastAdapter> const& multicastAdapter);
+   ~NatIntfStatusSm() override;
+
+   // ---- attributes ----
+   Ptr<Ip::Nat::IntfStatus const> intfStatus() const { return intfStatus_.notifier(); }
+   Ptr<Ip::Nat::Status const> const& status() const { return status_; }
+   Ptr<Ip::Nat::HwStatus> const& hwStatus() const { return hwStatus_; }
+   Ptr<Ip::Nat::HwCapabilities const> const& hwCapabilities() const { return hwCapabilities_; }
+   Ptr<UloHelper::UloHelperNat> const& natHelper() const { return natHelper_; }
+   Ptr<MrouteLib::StaticNatInfo> const& staticNatInfo() const { return staticNatInfo_; }
+   Ptr<NatSmStatus> const& natSmStatus() const { return natSmStatus_; }
+   Ptr<NatSmStatusNotif> const& natSmStatusNotif() const { return natSmStatusNotif_; }
+   Ptr<Dov::TaskScheduler> const& taskScheduler() const { return taskScheduler_; }
+   VrfId vrfId() const { return vrfId_; }
+   Ptr<NatMulticastAdapter> const& multicastAdapter() const { return multicastAdapter_; }
+   // The interface's own key.
+   Lumet::IntfId const& natIntf() const { return natIntf_; }
+   L3::VrfName vrfName() const;
+   Ptr<NatSmStatusVrf> const& vrfStatus() const { return vrfStatus_; }
+   // The VLAN or profile under which this engine programs.
+   Vor::U16 vlanId() const { return vlanId_; }
+   void vlanIdIs(Vor::U16 v) { vlanId_ = v; }
+   bool pendingCommit() const { return pendingCommit_; }
+   void pendingCommitIs(bool v) { pendingCommit_ = v; }
+   bool counterStatus() const { return counterStatus_; }
+   void counterStatusIs(bool v) { counterStatus_ = v; }
+   bool cleanupInProgress() const { return cleanupInProgress_; }
+   bool connectionInitInProgress() const { return connectionInitInProgress_; }
+
+   std::map<Lumet::IntfId, Vor::U16> const& intfVlan() const { return intfVlan_; }
+   std::map<Ip::Nat::StaticKey, Lumet::IpAddr> const& staticKeyWatchedAddr() const {
+      return staticKeyWatchedAddr_;
+   }
+   Ptr<StaticNatAddrInfo> watchedAddrStaticKey(Lumet::IpAddr const& addr) const;
+   std::size_t watchedAddrStaticKeys() const { return watchedAddrStaticKey_.size(); }
+   std::map<Ip::Nat::StaticKey, Ip::Nat::NatStaticConnection> const& cachedStaticConnection() const {
+      return cachedStaticConnection_;
+   }
+   Ptr<DeferredStaticNatConnectionHw> deferredStaticNatConnectionHw(
+      Ip::Nat::StaticKey const& key) const;
+   std::size_t deferredStaticNatConnectionHws() const { return deferredStaticNatConnectionHw_.size(); }
+   Ptr<DeferredTwiceNatConnectionHw> deferredTwiceNatConnectionHw(TwiceNatKey const& key) const;
+   std::size_t deferredTwiceNatConnectionHws() const { return deferredTwiceNatConnectionHw_.size(); }
+   Ptr<Dov::Task> const& staticBacklogTask() const { return staticTask_; }
+   Ptr<Dov::Task> const& dynamicBacklogTask() const { return dynamicTask_; }
+
+   // ---- frame ----
+   // Starts the engine: backlog tasks, then, when hardware is up, the replay
+   // of every collection of the interface.
+   // REQUIRES: the root made this VRF's NatSmStatusVrf ("vrfStatus()").
+   void handleInitialized() override;
+   void hasNotificationActiveIs(bool active) override;
+   void vorDoZombieReactors(bool zombie) override;
+   // Runs what is deferred, forgets the unprogrammed entries, clears the
+   // profiles this engine bound. Called by the root before it drops the
+   // engine; programs no new rule.
+   void doCleanup();
+   // Takes every connection out of hardware through the delete branches.
+   // REQUIRES: hardware is disabled ("!natHelper()->hwInitialized() && ...").
+   void doCleanupConnections();
+   // Binds or unbinds each member interface's VLAN to this interface's
+   // profile.
+   void handleNatIntfProfile();
+   void handleNatIntfProfile(Lumet::IntfId const& intf);
+
+   // ---- walks of the other collections ----
+   // Their keyed handlers come with twice NAT, dynamic NAT and trap rules.
+   void handleTwiceNatConnection();
+   void handleDynamicConnection();
+   void handleTrapRule();
+
+   // ---- static connections ----
+   // Walks every static connection of the interface.
+   void handleStaticConnection();
+   // The reaction to one static connection: added (or replaced) when it is
+   // configured and hardware is up, deleted otherwise.
+   void handleStaticConnection(Ip::Nat::StaticKey const& key);
+   // Programs the configured connection through the helper. Returns whether
+   // the helper accepted it; a refusal leaves nothing in hardware and the key
+   // in the unprogrammed set.
+   bool addStaticConnection(Ip::Nat::StaticKey const& key);
+   // Reprograms a connection in force after a next-hop or multicast change.
+   void updateStaticConnection(Ip::Nat::StaticKey const& key);
+   // Takes the connection (as last added) out of hardware and out of the
+   // watched-address maps. The configuration entry may already be gone.
+   void deleteStaticConnection(Ip::Nat::StaticKey const& key);
+   // REQUIRES: "hwIntfStatus".
+   void addStaticHwEntry(Ip::Nat::StaticKey const& key, Ip::Nat::NatStaticConnection const& conn);
+   // REQUIRES: "hwIntfStatus". An absent key is no error.
+   void deleteStaticHwEntry(Ip::Nat::StaticKey const& key);
+   void addStaticKeyWatchedAddr(Ip::Nat::StaticKey const& key, Lumet::IpAddr const& addr);
+   void removeStaticKeyWatchedAddr(Ip::Nat::StaticKey const& key, Lumet::IpAddr const& addr);
+   // A watched address of this engine's VRF resolved differently.
+   void updateNextHop(VrfAndIpAddr const& vrfAndAddr);
+
+   // ---- deferred commit ----
+   // REQUIRES: "!natHelper()->immediateCommit()".
+   void addDeferredStaticNatConnectionHw(Ip::Nat::StaticKey const& key, bool del,
+                                         Ip::Nat::NatStaticConnection const& conn);
+   // REQUIRES: "!natHelper()->immediateCommit()".
+   void addDeferredTwiceNatConnectionHw(TwiceNatKey const& key, Ip::Nat::HwNatTwiceAddr const& addr,
+                                        bool del);
+   // Schedules the static backlog task once for all that waits.
+   void doMaybeScheduleCommit();
+   // Commits the batch and copies the result to hardware status. Runs in the
+   // static backlog task, or directly during cleanup.
+   void doProcessBacklogStatic();
+   // The dynamic backlog comes with dynamic NAT; the task exists already.
+   void doProcessBacklogDynamic();
+   // After a failed commit: re-issues the deletes, sends the adds to review.
+   void cleanupFailedCommit();
+
+   // ---- unprogrammed bookkeeping ----
+   void addUnprogrammedEntry(NatType type, bool fullTable);
+   void checkUnprogrammedEntries();
+   void addUnprogrammedStaticEntry(Ip::Nat::StaticKey const& key);
+   void checkUnprogrammedStaticEntry(Ip::Nat::StaticKey const& key);
+
+   // ---- multicast, as the static path calls it ----
+   void watchMulticast(Vor::U16 vlanId, Lumet::IpAndPort const& a, Lumet::IpAndPort const& b,
+                       Lumet::IpAndPort const& c, Lumet::IpAndPort const& d, Vor::U32 group,
+                       Vor::U8 protocol, Ip::Nat::StaticKey const& staticKey);
+   void unWatchMulticast(Vor::U16 vlanId, Lumet::IpAddr sourceIp, Lumet::IpAddr groupIp);
+   Ptr<NatMulticastTransition> getMulticastTransition(Vor::U16 vlanId, Lumet::IpAddr sourceIp,
+                                                      Lumet::IpAddr groupIp);
+   void disableMulticastWithOifs(Vor::U16 vlanId, Lumet::IpAddr sourceIp, Lumet::IpAddr groupIp);
+
+ private:
+   Ptr<Ip::Nat::HwIntfStatus> hwIntfStatus() const;
+   Ptr<UloHelper::UloHelperNat const> natHelperConst() const { return natHelper_; }
+
+   // Scalars and collaborators, in declared order.
+   Vor::ReactorSlot<VorIntfStatus> intfStatus_;
+   Ptr<Ip::Nat::Status const> status_;
+   Ptr<Ip::Nat::HwStatus> hwStatus_;
+   Ptr<Ip::Nat::DynamicConnectionStatus> dynamicConnectionStatus_;
+   Ptr<Ip::Nat::DynamicConnectionHwStatus> dynamicConnectionHwStatus_;
+   Ptr<Ip::Nat::HwCapabilities const> hwCapabilities_;
+   Ptr<UloHelper::UloHelperNat> natHelper_;
+   Ptr<MrouteLib::StaticNatInfo> staticNatInfo_;
+   Ptr<NatSmStatus> natSmStatus_;
+   Ptr<NatSmStatusNotif> natSmStatusNotif_;
+   Ptr<Dov::TaskScheduler> taskScheduler_;
+   VrfId vrfId_;
+   Ptr<NatMulticastAdapter> multicastAdapter_;
+   Lumet::IntfId natIntf_;
+   Ptr<NatSmStatusVrf> vrfStatus_;
+   Vor::U16 vlanId_ = 0;
+   std::map<Ip::Nat::StaticKey, Lumet::IpAddr> staticKeyWatchedAddr_;
+   std::map<Lumet::IpAddr, Ptr<StaticNatAddrInfo>> watchedAddrStaticKey_;
+   std::map<TwiceNatKey, TwiceNatWatchedAddr> twiceNatKeyWatchedAddr_;
+   std::map<Lumet::IpAddr, Ptr<TwiceNatAddrInfo>> watchedAddrTwiceNatKey_;
+   std::map<Lumet::ConnTuple, Lumet::IpAddr> dynamicKeyWatchedAddr_;
+   std::map<Lumet::IpAddr, Ptr<DynamicNatAddrInfo>> watchedAddrDynamicKey_;
+   bool pendingCommit_ = false;
+   std::map<Lumet::IntfId, Vor::U16> intfVlan_;
+   bool counterStatus_ = false;
+   std::map<Lumet::ConnTuple, Vor::U16> dynamicTwice_;
+   std::map<Ip::Nat::StaticKey, Ptr<DeferredStaticNatConnectionHw>> deferredStaticNatConnectionHw_;
+   std::map<TwiceNatKey, Ptr<DeferredTwiceNatConnectionHw>> deferredTwiceNatConnectionHw_;
+   std::map<Lumet::ConnTuple, DeferredDynamicNatEvent> deferredDynamicNat_;
+   std::map<Ip::Nat::StaticKey, Ip::Nat::NatStaticConnection> cachedStaticConnection_;
+   Ptr<Dov::Task> staticTask_;
+   Vor::ReactorSlot<VorStaticBacklogTask> staticBacklogTask_;
+   Ptr<Dov::Task> dynamicTask_;
+   Vor::ReactorSlot<VorDynamicBacklogTask> dynamicBacklogTask_;
+   bool cleanupInProgress_ = false;
+   bool connectionInitInProgress_ = true;
+};
+
+// The factory the root uses: the engine with notification active.
+Ptr<NatIntfStatusSm> NatIntfStatusSmIs(
+   Ptr<UloCommonSmData> const& commonSmData, Ptr<Ip::Nat::IntfStatus const> const& intfStatus,
+   Ptr<Ip::Nat::Status const> const& status, Ptr<Ip::Nat::HwStatus> const& hwStatus,
+   Ptr<Ip::Nat::DynamicConnectionStatus> const& dynamicConnectionStatus,
+   Ptr<Ip::Nat::DynamicConnectionHwStatus> const& dynamicConnectionHwStatus,
+   Ptr<Ip::Nat::HwCapabilities const> const& hwCapabilities,
+   Ptr<UloHelper::UloHelperNat> const& natHelper, Ptr<MrouteLib::StaticNatInfo> const& staticNatInfo,
+   Ptr<NatSmStatus> const& natSmStatus, Ptr<NatSmStatusNotif> const& natSmStatusNotif,
+   Ptr<Dov::TaskScheduler> const& taskScheduler, VrfId vrfId,
+   Ptr<NatMulticastAdapter> const& multicastAdapter);
+
+} // namespace Ulo

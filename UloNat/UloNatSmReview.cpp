@@ -1,0 +1,119 @@
+// Ulo::NatSm: next-hop updates relayed to the engines, and the review tasks
+// that retry what hardware refused.
+
+#include <vector>
+
+#include "UloNat/UloNatSm.h"
+#include "framework/VorTrace.h"
+
+VOR_TRACE_HANDLE("UloNatSmReview");
+
+namespace Ulo {
+
+// ---- next hops ----
+
+void NatSm::handleNextHopUpdate(VrfAndIpAddr const& key) {
+   if (!initialized()) return;
+   VOR_TRACE(7, "NatSm VRF: " << key.vrfId().value() << ", watchedAddr: " << key.ipAddr()
+                              << " handleNextHopUpdate");
+   auto vrfStatus = natSmStatus_->natSmStatusVrf(key.vrfId());
+   if (!vrfStatus) return;
+   auto info = vrfStatus->ipAddrIntfInfo(key.ipAddr());
+   if (!info) return;
+   // Interfaces first: an engine's update may change the reference counts.
+   std::vector<Lumet::IntfId> intfs;
+   for (auto it = info->intf().begin(); it; ++it) intfs.push_back(it.key());
+   for (auto const& intf : intfs) {
+      if (auto engine = natIntfStatusSm(intf)) {
+         engine->updateNextHop(key);
+      } else {
+         VOR_TRACE(5, "Missing natIntfStatusSm for watchedAddr " << key.ipAddr());
+         DUOLOG(5, "Missing natIntfStatusSm for VRF: {}, watchedAddr {}", key.vrfId().value(),
+                key.ipAddr().stringValue());
+      }
+   }
+}
+
+// ---- the review ----
+
+NatSm::VorUnprogrammedTask::VorUnprogrammedTask(NatSm* sm, NatType type)
+    : Reactor(this, [] () -> Bindings const& {
+         static Bindings const b{
+            onEvent(Dov::Task::taskRunId, &VorUnprogrammedTask::reviewUnprogrammedEntries)};
+         return b;
+      }()),
+      sm_(sm),
+      type_(type) {}
+
+Ptr<Dov::TimerTask> NatSm::VorUnprogrammedTask::task() const { return sm_->unprogrammedTask(type_); }
+
+void NatSm::startUnprogrammedReview() {
+   // All four start whatever kind of entry asked: a task with nothing to do
+   // ends at once. A running task is left to its own rescheduling.
+   for (NatType type : {NatType::staticNat, NatType::twiceNat, NatType::dynamicNat,
+                        NatType::trapAclNat}) {
+      auto task = unprogrammedTask(type);
+      if (task && !task->taskCurrentlyRunning()) task->scheduleTask();
+   }
+}
+
+void NatSm::VorUnprogrammedTask::reviewUnprogrammedEntries() {
+   Ptr<Dov::TimerTask> const self = task();
+   VOR_TRACE(7, "reviewUnprogrammedEntries" << ", entry type: " << static_cast<int>(type_));
+   if (!self || !self->taskCurrentlyRunning()) {
+      VOR_TRACE(7, "Task not running");
+      return;
+   }
+   auto const& natSmStatus = sm_->natSmStatus();
+   Vor::U64 reviewed = 0;
+   // A yield cuts short the walk of one interface, not the run: with the
+   // budget spent each further interface still gets one entry.
+   for (auto rec = natSmStatus->unprogrammedEntries().begin(); rec; ++rec) {
+      if (!rec.isLive()) continue;
+      Lumet::IntfId const intf = rec.key();
+      Ptr<NatUnprogrammedEntries> const ue = rec.value();
+      VOR_TRACE(8, "Reviewing unprogrammed entries for " << intf);
+      auto engine = sm_->natIntfStatusSm(intf);
+      if (!engine) continue;
+      switch (type_) {
+      case NatType::staticNat:
+         for (auto it = ue->staticEntries().begin(); it; ++it) {
+            if (!it.isLive()) continue;
+            Ip::Nat::StaticKey const key = it.key();
+            engine->handleStaticConnection(key);
+            ++reviewed;
+            if (self->taskShouldYield()) break;
+         }
+         break;
+      case NatType::twiceNat:
+         for (auto it = ue->twiceEntries().begin(); it; ++it) {
+            if (!it.isLive()) continue;
+            TwiceNatKey const key = it.key();
+            auto is = engine->intfStatus();
+            if (!is || !is->twiceNatConnectionHas(key.group())) {
+               // The group has left the configuration: nothing to retry.
+               ue->twiceEntriesDel(key);
+            }
+            // A group still configured is retried by the engine's twice-NAT
+            // handler, which comes with twice NAT.
+            ++reviewed;
+            if (self->taskShouldYield()) break;
+         }
+         break;
+      case NatType::dynamicNat:
+      case NatType::trapAclNat:
+         // Retried by the engine's dynamic-NAT and trap-rule handlers, which
+         // come with those capabilities; nothing records such entries yet.
+         break;
+      }
+   }
+   VOR_TRACE(7, "Entries reviewed: " << reviewed
+                                     << ", remaining: " << natSmStatus->unprogrammedEntries().size());
+   self->taskWorkCountInc(reviewed);
+   // As long as any interface has any entry, every task keeps its cadence.
+   if (natSmStatus->unprogrammedEntries().size()) {
+      self->scheduleTaskDelay(sm_->unprogrammedTaskScheduleInterval());
+   }
+}
+
+} // namespace Ulo
