@@ -1,0 +1,193 @@
+#include "sim/SimSystem.h"
+
+#include "framework/UloAssert.h"
+
+namespace Sim {
+
+SimSystem::SimSystem(SimOptions const& options) {
+   logs_ = std::make_unique<Vor::CapturingLogSink>();
+   scheduler_ = Vor::Ptr<Dov::TaskScheduler>(new Dov::TaskScheduler());
+   scheduler_->virtualTimeIs(true, 0.0);
+   Dov::TaskSchedulerRoot::schedulerIs(scheduler_);
+
+   commonSmData_ = Vor::Ptr<Ulo::UloCommonSmData>(new Ulo::UloCommonSmData());
+   status_ = Vor::Ptr<Ip::Nat::Status>(new Ip::Nat::Status());
+   hwStatus_ = Vor::Ptr<Ip::Nat::HwStatus>(new Ip::Nat::HwStatus());
+   dynamicConnectionStatus_ =
+      Vor::Ptr<Ip::Nat::DynamicConnectionStatus>(new Ip::Nat::DynamicConnectionStatus());
+   dynamicConnectionHwStatus_ =
+      Vor::Ptr<Ip::Nat::DynamicConnectionHwStatus>(new Ip::Nat::DynamicConnectionHwStatus());
+   hwCapabilities_ = Vor::Ptr<Ip::Nat::HwCapabilities>(new Ip::Nat::HwCapabilities());
+   hwCapabilities_->dynamicNatSupportedIs(options.dynamicNatSupported);
+   hwCapabilities_->destinationNatNextHopNeededIs(options.destinationNatNextHopNeeded);
+   hwCapabilities_->natCountersSupportedIs(options.natCountersSupported);
+   nhMapConfig_ = Vor::Ptr<Ulo::NextHopMapConfig>(new Ulo::NextHopMapConfig());
+   nhMapStatus_ = Vor::Ptr<Ulo::NextHopMapStatus>(new Ulo::NextHopMapStatus());
+   routeStatus_ = Vor::Ptr<Routing::Hardware::RouteStatus>(new Routing::Hardware::RouteStatus());
+   staticNatInfo_ = Vor::Ptr<MrouteLib::StaticNatInfo>(new MrouteLib::StaticNatInfo());
+
+   helper_ = simNatHelperFactory("simNatHelper", options.capacity, options.immediate);
+   helper_->hwNatProfileSupportedIs(options.hwNatProfileSupported);
+   helper_->counterPollingIntervalIs(options.counterPollingInterval);
+
+   root_ = Ulo::natSmFactory(commonSmData_, status_, hwStatus_, dynamicConnectionStatus_,
+                             dynamicConnectionHwStatus_, hwCapabilities_, nhMapConfig_,
+                             nhMapStatus_, routeStatus_, helper_, staticNatInfo_,
+                             Vor::Ptr<UloL3Intf::Table const>());
+}
+
+SimSystem::~SimSystem() {
+   root_ = nullptr;
+   helper_ = nullptr;
+   Dov::TaskSchedulerRoot::schedulerIs(nullptr);
+   scheduler_ = nullptr;
+}
+
+void SimSystem::start() {
+   root_->initializedIs(true);
+   runUntilIdle();
+}
+
+// ---- the central state store's writes ----
+
+Vor::Ptr<Ip::Nat::IntfStatus> SimSystem::intfStatusMutable(Lumet::IntfId const& intf) const {
+   return status_->intfStatus(intf);
+}
+
+void SimSystem::intfIs(Lumet::IntfId const& intf, L3::VrfName const& vrf,
+                       std::string const& configKey,
+                       std::map<Lumet::IntfId, Vor::U16> const& members) {
+   status_->intfConfigKeyIs(intf, configKey);
+   auto is = status_->intfStatusIs(intf);
+   for (auto const& [member, vlan] : members) is->validIntfIs(member, vlan);
+   is->vrfNameIs(vrf);
+}
+
+void SimSystem::intfVrfIs(Lumet::IntfId const& intf, L3::VrfName const& vrf) {
+   if (auto is = intfStatusMutable(intf)) is->vrfNameIs(vrf);
+}
+
+void SimSystem::intfDel(Lumet::IntfId const& intf) {
+   status_->intfStatusDel(intf);
+   status_->intfConfigKeyDel(intf);
+}
+
+void SimSystem::vrfIs(L3::VrfName const& vrf, Ulo::VrfId vrfId) {
+   auto v = routeStatus_->vrfStatusIs(vrf);
+   v->vrfIdIs(vrfId);
+}
+
+void SimSystem::vrfDel(L3::VrfName const& vrf) { routeStatus_->vrfStatusDel(vrf); }
+
+void SimSystem::staticIs(Lumet::IntfId const& intf, Ip::Nat::NatStaticConnection const& conn) {
+   auto is = intfStatusMutable(intf);
+   uloAssert(is && "static connection on an unknown interface");
+   is->staticConnectionIs(conn);
+}
+
+void SimSystem::staticDel(Lumet::IntfId const& intf, Ip::Nat::StaticKey const& key) {
+   if (auto is = intfStatusMutable(intf)) is->staticConnectionDel(key);
+}
+
+void SimSystem::staticAclSharingStatusIs(bool sharing) { status_->staticAclSharingStatusIs(sharing); }
+
+void SimSystem::counterStatusIs(bool on) { status_->counterStatusIs(on); }
+
+void SimSystem::nextHopIs(Ulo::VrfAndIpAddr const& key, Vor::U64 nextHopId) {
+   if (nextHopId == 0) {
+      nhMapStatus_->resolvedAddrDel(key);
+      return;
+   }
+   auto info = Ulo::natNextHopIdFactory(key);
+   info->nextHopIdIs(nextHopId);
+   nhMapStatus_->resolvedAddrIs(key, info);
+}
+
+// ---- time ----
+
+void SimSystem::runUntilIdle() { scheduler_->runUntilIdle(); }
+void SimSystem::runFor(double seconds) { scheduler_->runFor(seconds); }
+void SimSystem::runUntil(double time) { scheduler_->runUntil(time); }
+double SimSystem::now() const { return scheduler_->now(); }
+
+// ---- views ----
+
+std::size_t SimSystem::hwStaticCount(Lumet::IntfId const& intf) const {
+   auto hw = hwStatus_->intfStatus(intf);
+   return hw ? hw->staticConnectionHw().size() : 0;
+}
+
+std::size_t SimSystem::hwStaticCount() const {
+   std::size_t n = 0;
+   for (auto const& [intf, hw] : hwStatus_->intfStatus()) n += hw->staticConnectionHw().size();
+   return n;
+}
+
+std::size_t SimSystem::unprogrammedStaticCount(Lumet::IntfId const& intf) const {
+   auto const& natSmStatus = root_->natSmStatus();
+   if (!natSmStatus) return 0;
+   auto ue = natSmStatus->unprogrammedEntries(intf);
+   return ue ? ue->staticEntries().size() : 0;
+}
+
+std::size_t SimSystem::unprogrammedStaticCount() const {
+   auto const& natSmStatus = root_->natSmStatus();
+   if (!natSmStatus) return 0;
+   std::size_t n = 0;
+   for (auto it = natSmStatus->unprogrammedEntries().begin(); it; ++it) {
+      if (it.isLive()) n += it.value()->staticEntries().size();
+   }
+   return n;
+}
+
+std::size_t SimSystem::expectedChipEntries() const {
+   std::size_t n = 0;
+   for (auto const& [intf, hw] : hwStatus_->intfStatus()) {
+      for (auto const& [key, entry] : hw->staticConnectionHw()) {
+         std::size_t const filters = entry->filterAddress().size() ? entry->filterAddress().size() : 1;
+         bool const destination = entry->target() == Ip::Nat::NatTarget::destination;
+         bool const egress = key.table() == Ip::Nat::NatTable::egress;
+         // An ingress connection takes both directions; an egress one only
+         // the direction its target names. A multicast translated source
+         // never gets a source translation.
+         Lumet::IpAddr const srcNew =
+            destination ? key.localAddress().ip() : entry->globalAddress().ip();
+         std::size_t directions = 0;
+         if (!srcNew.isMulticast() && !(destination && egress)) ++directions;
+         if (!(!destination && egress)) ++directions;
+         n += filters * directions;
+      }
+   }
+   return n;
+}
+
+// ---- text forms ----
+
+std::optional<Lumet::IpAndPort> parseIpAndPort(std::string const& text) {
+   if (text.find(':') != std::string::npos) return Lumet::IpAndPort::parse(text);
+   auto ip = Lumet::IpAddr::parse(text);
+   if (!ip) return std::nullopt;
+   return Lumet::IpAndPort(*ip, 0);
+}
+
+std::optional<Lumet::IpAddrWithFullMask> parseFilter(std::string const& text) {
+   auto const slash = text.find('/');
+   auto ip = Lumet::IpAddr::parse(text.substr(0, slash));
+   if (!ip) return std::nullopt;
+   if (slash == std::string::npos) return Lumet::IpAddrWithFullMask(*ip, 0xffffffffu);
+   std::string const rest = text.substr(slash + 1);
+   if (rest.find('.') != std::string::npos) {
+      auto mask = Lumet::IpAddr::parse(rest);
+      if (!mask) return std::nullopt;
+      return Lumet::IpAddrWithFullMask(*ip, mask->value());
+   }
+   if (rest.empty() || rest.size() > 2 || rest.find_first_not_of("0123456789") != std::string::npos) {
+      return std::nullopt;
+   }
+   int const len = std::stoi(rest);
+   if (len > 32) return std::nullopt;
+   Vor::U32 const mask = len == 0 ? 0u : ~0u << (32 - len);
+   return Lumet::IpAddrWithFullMask(*ip, mask);
+}
+
+} // namespace Sim

@@ -1,0 +1,121 @@
+#pragma once
+// Sim::SimSystem: the whole NAT engine built the way an agent builds it,
+// on a virtual clock, with a simulated chip behind the helper.
+//
+// It owns what the agent and the central state store own: the input entities
+// (Ip::Nat::Status, Routing::Hardware::RouteStatus, the next-hop answers, the
+// capabilities), the output entities (Ip::Nat::HwStatus, the next-hop
+// requests), the helper (Sim::SimNatHelper) and the root state machine made
+// through natSmFactory(). Its mutators are the central state store's writes;
+// the engine reacts to them synchronously, and tasks run when the caller
+// drives the scheduler (runFor, runUntilIdle).
+//
+// The scheduler of the process is replaced by a fresh one on virtual time for
+// the life of the object, and the log sink by a capturing one, so each
+// SimSystem starts at time 0 with no message.
+//
+// Thread safety: one thread. At most one SimSystem exists at a time in a
+// process (it owns the process's scheduler and log sink).
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include "UloNat/UloNatSm.h"
+#include "framework/VorLog.h"
+#include "sim/SimNatHelper.h"
+
+namespace Sim {
+
+struct SimOptions {
+   // Entries of the chip's translation table.
+   std::size_t capacity = 1024;
+   // Commit mode of the chip: immediate, or batches by commitHwTranslations.
+   bool immediate = true;
+   bool dynamicNatSupported = false;
+   bool destinationNatNextHopNeeded = false;
+   bool natCountersSupported = false;
+   bool hwNatProfileSupported = false;
+   double counterPollingInterval = 0.0;
+};
+
+class SimSystem {
+ public:
+   explicit SimSystem(SimOptions const& options);
+   ~SimSystem();
+   SimSystem(SimSystem const&) = delete;
+   SimSystem& operator=(SimSystem const&) = delete;
+
+   // The agent's start: initializedIs(true) on the root.
+   void start();
+   bool started() const { return root_->initialized(); }
+
+   // ---- the central state store's writes ----
+   void intfIs(Lumet::IntfId const& intf, L3::VrfName const& vrf, std::string const& configKey,
+               std::map<Lumet::IntfId, Vor::U16> const& members);
+   void intfVrfIs(Lumet::IntfId const& intf, L3::VrfName const& vrf);
+   void intfDel(Lumet::IntfId const& intf);
+   void vrfIs(L3::VrfName const& vrf, Ulo::VrfId vrfId);
+   void vrfDel(L3::VrfName const& vrf);
+   // Adds or replaces a static connection of an interface.
+   void staticIs(Lumet::IntfId const& intf, Ip::Nat::NatStaticConnection const& conn);
+   void staticDel(Lumet::IntfId const& intf, Ip::Nat::StaticKey const& key);
+   void staticAclSharingStatusIs(bool sharing);
+   void counterStatusIs(bool on);
+   // The route resolver's answer for a watched address (id 0 removes it).
+   void nextHopIs(Ulo::VrfAndIpAddr const& key, Vor::U64 nextHopId);
+
+   // ---- time ----
+   void runUntilIdle();
+   void runFor(double seconds);
+   void runUntil(double time);
+   double now() const;
+
+   // ---- views ----
+   Vor::Ptr<Ulo::NatSm> const& root() const { return root_; }
+   Vor::Ptr<SimNatHelper> const& helper() const { return helper_; }
+   Vor::Ptr<Ip::Nat::Status> const& status() const { return status_; }
+   Vor::Ptr<Ip::Nat::HwStatus> const& hwStatus() const { return hwStatus_; }
+   Vor::Ptr<Ip::Nat::HwCapabilities> const& hwCapabilities() const { return hwCapabilities_; }
+   Vor::Ptr<Ulo::NextHopMapConfig> const& nhMapConfig() const { return nhMapConfig_; }
+   Vor::Ptr<Ulo::NextHopMapStatus> const& nhMapStatus() const { return nhMapStatus_; }
+   Vor::Ptr<Routing::Hardware::RouteStatus> const& routeStatus() const { return routeStatus_; }
+   Vor::Ptr<Dov::TaskScheduler> const& scheduler() const { return scheduler_; }
+   Vor::CapturingLogSink const& logs() const { return *logs_; }
+
+   // Static entries of an interface in hardware status (0 when it has none).
+   std::size_t hwStaticCount(Lumet::IntfId const& intf) const;
+   std::size_t hwStaticCount() const;
+   // Unprogrammed static entries of an interface / of all interfaces.
+   std::size_t unprogrammedStaticCount(Lumet::IntfId const& intf) const;
+   std::size_t unprogrammedStaticCount() const;
+   // Entries the chip would hold for what hardware status says is in force:
+   // one per filter address (at least one) and per programmed direction.
+   std::size_t expectedChipEntries() const;
+
+ private:
+   Vor::Ptr<Ip::Nat::IntfStatus> intfStatusMutable(Lumet::IntfId const& intf) const;
+
+   std::unique_ptr<Vor::CapturingLogSink> logs_;
+   Vor::Ptr<Dov::TaskScheduler> scheduler_;
+   Vor::Ptr<Ulo::UloCommonSmData> commonSmData_;
+   Vor::Ptr<Ip::Nat::Status> status_;
+   Vor::Ptr<Ip::Nat::HwStatus> hwStatus_;
+   Vor::Ptr<Ip::Nat::DynamicConnectionStatus> dynamicConnectionStatus_;
+   Vor::Ptr<Ip::Nat::DynamicConnectionHwStatus> dynamicConnectionHwStatus_;
+   Vor::Ptr<Ip::Nat::HwCapabilities> hwCapabilities_;
+   Vor::Ptr<Ulo::NextHopMapConfig> nhMapConfig_;
+   Vor::Ptr<Ulo::NextHopMapStatus> nhMapStatus_;
+   Vor::Ptr<Routing::Hardware::RouteStatus> routeStatus_;
+   Vor::Ptr<SimNatHelper> helper_;
+   Vor::Ptr<MrouteLib::StaticNatInfo> staticNatInfo_;
+   Vor::Ptr<Ulo::NatSm> root_;
+};
+
+// Text forms used by the simulator and the scenario files.
+// "10.0.0.1:80" or "10.0.0.1" (port 0).
+std::optional<Lumet::IpAndPort> parseIpAndPort(std::string const& text);
+// "10.0.0.0/8", "10.0.0.1" (/32) or "10.0.0.0/255.0.0.255" (any mask).
+std::optional<Lumet::IpAddrWithFullMask> parseFilter(std::string const& text);
+
+} // namespace Sim
