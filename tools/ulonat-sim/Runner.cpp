@@ -1,0 +1,185 @@
+#include "tools/ulonat-sim/Runner.h"
+
+#include <iomanip>
+#include <sstream>
+
+namespace UloNatSim {
+
+namespace {
+
+std::string timeText(double t) {
+   std::ostringstream os;
+   os << std::fixed << std::setprecision(3) << t;
+   return os.str();
+}
+
+// Checks one expectation against the system; each miss is one failure line.
+void check(Sim::SimSystem const& sys, Event const& e, Report& report) {
+   Expectation const& x = e.expect;
+   std::string const at = "at " + timeText(sys.now()) + " s, " + e.label + ": ";
+   std::vector<std::string> misses;
+   auto expectEq = [&](std::string const& what, std::size_t want, std::size_t got) {
+      if (want != got) {
+         misses.push_back(what + " expected " + std::to_string(want) + ", got " + std::to_string(got));
+      }
+   };
+   if (x.hwStaticTotal) expectEq("static entries in hardware status", *x.hwStaticTotal, sys.hwStaticCount());
+   for (auto const& [intf, n] : x.hwStatic) {
+      expectEq("static entries in hardware status of " + intf, n, sys.hwStaticCount(Lumet::IntfId(intf)));
+   }
+   if (x.unprogrammedTotal) expectEq("unprogrammed static entries", *x.unprogrammedTotal, sys.unprogrammedStaticCount());
+   for (auto const& [intf, n] : x.unprogrammed) {
+      expectEq("unprogrammed static entries of " + intf, n, sys.unprogrammedStaticCount(Lumet::IntfId(intf)));
+   }
+   if (x.chipEntries) expectEq("chip entries", *x.chipEntries, sys.helper()->entries().size());
+   if (x.engines) expectEq("engines", *x.engines, sys.root()->natIntfStatusSms().size());
+   for (auto const& [name, n] : x.logs) expectEq(name + " messages", n, sys.logs().count(name));
+   if (x.chipMatchesHwStatus) {
+      expectEq("chip entries for what hardware status holds", sys.expectedChipEntries(),
+               sys.helper()->entries().size());
+   }
+   if (misses.empty()) {
+      report.passed.push_back(at + "ok");
+   } else {
+      for (auto const& m : misses) report.failures.push_back(at + m);
+   }
+}
+
+Vor::Ptr<Ip::Nat::HwIntfStatus> hwIntf(Sim::SimSystem const& sys, Lumet::IntfId const& intf) {
+   return sys.hwStatus()->intfStatus(intf);
+}
+
+} // namespace
+
+Report runScenario(Scenario const& scenario) {
+   Report report;
+   report.name = scenario.name;
+   Sim::SimSystem sys(scenario.options);
+   if (!scenario.explicitStart) sys.start();
+
+   for (Event const& e : scenario.events) {
+      sys.runUntil(e.at);
+      if (e.kind == "start") {
+         sys.start();
+      } else if (e.kind == "intf") {
+         std::map<Lumet::IntfId, Vor::U16> members;
+         for (auto const& [name, vlan] : e.members) members[Lumet::IntfId(name)] = vlan;
+         sys.intfIs(Lumet::IntfId(e.intf), L3::VrfName(e.vrf), e.configKey, members);
+      } else if (e.kind == "intfVrf") {
+         sys.intfVrfIs(Lumet::IntfId(e.intf), L3::VrfName(e.vrf));
+      } else if (e.kind == "intfDel") {
+         sys.intfDel(Lumet::IntfId(e.intf));
+      } else if (e.kind == "vrf") {
+         sys.vrfIs(L3::VrfName(e.vrf), e.vrfId);
+      } else if (e.kind == "vrfDel") {
+         sys.vrfDel(L3::VrfName(e.vrf));
+      } else if (e.kind == "staticAdd") {
+         if (sys.status()->intfStatus(Lumet::IntfId(e.intf))) {
+            sys.staticIs(Lumet::IntfId(e.intf), *e.conn);
+         } else {
+            report.failures.push_back("at " + timeText(sys.now()) + " s, " + e.label + ": interface " +
+                                      e.intf + " is not configured; rule ignored");
+         }
+      } else if (e.kind == "staticDel") {
+         sys.staticDel(Lumet::IntfId(e.intf), *e.key);
+      } else if (e.kind == "aclSharing") {
+         sys.staticAclSharingStatusIs(e.value);
+      } else if (e.kind == "counterStatus") {
+         sys.counterStatusIs(e.value);
+      } else if (e.kind == "nextHop") {
+         sys.nextHopIs(Ulo::VrfAndIpAddr(e.vrfId, e.addr), e.nextHopId);
+      } else if (e.kind == "capacity") {
+         sys.helper()->capacityIs(e.count);
+      } else if (e.kind == "refuseNext") {
+         sys.helper()->refuseNextIs(static_cast<Vor::U32>(e.count));
+      } else if (e.kind == "failNextCommit") {
+         sys.helper()->failNextCommitIs(static_cast<Vor::U32>(e.count));
+      } else if (e.kind == "expect") {
+         sys.runUntilIdle();
+         check(sys, e, report);
+      }
+      sys.runUntilIdle();
+   }
+   sys.runUntil(scenario.runUntil);
+   report.endTime = sys.now();
+
+   // Engines, and interfaces that have none (VRF not ready).
+   for (auto const& [intf, engine] : sys.root()->natIntfStatusSms().members()) {
+      EngineLine line;
+      line.intf = intf.stringValue();
+      line.vrf = engine->vrfName().stringValue();
+      line.vrfId = engine->vrfId().value();
+      line.hwStatic = sys.hwStaticCount(intf);
+      line.unprogrammed = sys.unprogrammedStaticCount(intf);
+      report.engines.push_back(line);
+   }
+   for (auto const& [intf, is] : sys.status()->intfStatus()) {
+      if (!sys.root()->natIntfStatusSm(intf)) report.interfacesWithoutEngine.push_back(intf.stringValue());
+   }
+   report.hwStatic = sys.hwStaticCount();
+   report.unprogrammed = sys.unprogrammedStaticCount();
+   report.chipEntries = sys.helper()->entries().size();
+   report.chipCapacity = sys.helper()->capacity();
+   for (auto const& [key, entry] : sys.helper()->entries()) {
+      std::ostringstream os;
+      os << entry.oldIpAndPort.stringValue() << " -> " << entry.newIpAndPort.stringValue()
+         << " proto " << int(entry.protocol);
+      if (entry.nextHopId) os << " nexthop " << entry.nextHopId;
+      report.chip.push_back(ChipLine{key.stringValue(), os.str()});
+   }
+   for (auto const& m : sys.logs().messages()) {
+      report.messages.push_back(MessageLine{m.time, m.name, m.severity, m.text});
+   }
+   (void)hwIntf;
+   return report;
+}
+
+void printReport(std::ostream& os, Report const& r) {
+   os << "Scenario: " << r.name << "\n";
+   os << "Virtual time at end: " << timeText(r.endTime) << " s\n\n";
+   os << "Engines (one per NAT interface whose VRF is ready):\n";
+   for (auto const& e : r.engines) {
+      os << "  " << std::left << std::setw(14) << e.intf << " VRF " << std::setw(10) << e.vrf
+         << " id " << std::setw(4) << e.vrfId << " static in hardware status: " << e.hwStatic
+         << ", unprogrammed: " << e.unprogrammed << "\n";
+   }
+   for (auto const& i : r.interfacesWithoutEngine) os << "  " << i << ": no engine (VRF not ready)\n";
+   os << "\nStatic entries in hardware status: " << r.hwStatic << "\n";
+   os << "Unprogrammed static entries: " << r.unprogrammed << "\n";
+   os << "Chip: " << r.chipEntries << " of " << r.chipCapacity << " entries\n";
+   for (auto const& c : r.chip) os << "  " << c.key << ": " << c.translation << "\n";
+   os << "\nMessages:\n";
+   if (r.messages.empty()) os << "  (none)\n";
+   for (auto const& m : r.messages) {
+      os << "  " << std::right << std::setw(9) << timeText(m.time) << " s  " << m.name << " (severity "
+         << m.severity << "): " << m.text << "\n";
+   }
+   if (!r.passed.empty() || !r.failures.empty()) {
+      os << "\nExpectations: " << r.passed.size() << " held, " << r.failures.size() << " failed\n";
+      for (auto const& f : r.failures) os << "  FAILED " << f << "\n";
+   }
+}
+
+nlohmann::json reportJson(Report const& r) {
+   nlohmann::json j;
+   j["scenario"] = r.name;
+   j["endTime"] = r.endTime;
+   j["engines"] = nlohmann::json::array();
+   for (auto const& e : r.engines) {
+      j["engines"].push_back({{"intf", e.intf}, {"vrf", e.vrf}, {"vrfId", e.vrfId},
+                              {"hwStatic", e.hwStatic}, {"unprogrammed", e.unprogrammed}});
+   }
+   j["interfacesWithoutEngine"] = r.interfacesWithoutEngine;
+   j["hwStatic"] = r.hwStatic;
+   j["unprogrammed"] = r.unprogrammed;
+   j["chip"] = {{"entries", r.chipEntries}, {"capacity", r.chipCapacity}, {"table", nlohmann::json::array()}};
+   for (auto const& c : r.chip) j["chip"]["table"].push_back({{"key", c.key}, {"translation", c.translation}});
+   j["messages"] = nlohmann::json::array();
+   for (auto const& m : r.messages) {
+      j["messages"].push_back({{"time", m.time}, {"name", m.name}, {"severity", m.severity}, {"text", m.text}});
+   }
+   j["expectations"] = {{"held", r.passed.size()}, {"failed", r.failures}};
+   return j;
+}
+
+} // namespace UloNatSim

@@ -1,0 +1,312 @@
+#include "tools/ulonat-sim/Scenario.h"
+
+#include <fstream>
+#include <limits>
+#include <set>
+#include <sstream>
+
+namespace UloNatSim {
+
+using nlohmann::json;
+
+namespace {
+
+// Reads the fields of one JSON object, remembering where it is so that every
+// complaint names the file, the event and the field.
+class Fields {
+ public:
+   Fields(std::string file, std::string where, json const& object)
+       : file_(std::move(file)), where_(std::move(where)), object_(object) {
+      if (!object_.is_object()) fail("", "must be a JSON object");
+   }
+
+   [[noreturn]] void fail(std::string const& field, std::string const& what) const {
+      std::string text = file_ + ": " + where_;
+      if (!field.empty()) text += ", field '" + field + "'";
+      throw ScenarioError{text + ": " + what};
+   }
+
+   bool has(char const* field) const { return object_.contains(field); }
+   json const& raw(char const* field) const {
+      used_.insert(field);
+      if (!has(field)) fail(field, "missing");
+      return object_.at(field);
+   }
+
+   std::string string(char const* field) const {
+      json const& v = raw(field);
+      if (!v.is_string()) fail(field, "must be a string");
+      return v.get<std::string>();
+   }
+   std::string string(char const* field, std::string const& fallback) const {
+      return has(field) ? string(field) : fallback;
+   }
+   bool boolean(char const* field) const {
+      json const& v = raw(field);
+      if (!v.is_boolean()) fail(field, "must be true or false");
+      return v.get<bool>();
+   }
+   bool boolean(char const* field, bool fallback) const { return has(field) ? boolean(field) : fallback; }
+   double number(char const* field, double min, double max) const {
+      json const& v = raw(field);
+      if (!v.is_number()) fail(field, "must be a number");
+      double const d = v.get<double>();
+      if (!(d >= min && d <= max)) {
+         std::ostringstream os;
+         os << "out of range (" << min << " to " << max << ")";
+         fail(field, os.str());
+      }
+      return d;
+   }
+   Vor::U64 integer(char const* field, Vor::U64 min, Vor::U64 max) const {
+      json const& v = raw(field);
+      if (!v.is_number_integer() && !v.is_number_unsigned()) fail(field, "must be an integer");
+      if (v.is_number_integer() && v.get<long long>() < 0) {
+         fail(field, "out of range (" + std::to_string(min) + " to " + std::to_string(max) + ")");
+      }
+      Vor::U64 const n = v.get<Vor::U64>();
+      if (n < min || n > max) {
+         fail(field, "out of range (" + std::to_string(min) + " to " + std::to_string(max) + ")");
+      }
+      return n;
+   }
+   Vor::U64 integer(char const* field, Vor::U64 min, Vor::U64 max, Vor::U64 fallback) const {
+      return has(field) ? integer(field, min, max) : fallback;
+   }
+   std::string intf(char const* field) const {
+      std::string const name = string(field);
+      if (!Lumet::IntfId::parse(name)) fail(field, "'" + name + "' is not an interface name");
+      return name;
+   }
+   Lumet::IpAndPort ipAndPort(char const* field) const {
+      std::string const text = string(field);
+      auto v = Sim::parseIpAndPort(text);
+      if (!v) fail(field, "'" + text + "' is not an address or address:port");
+      return *v;
+   }
+   Lumet::IpAddr ip(char const* field) const {
+      std::string const text = string(field);
+      auto v = Lumet::IpAddr::parse(text);
+      if (!v) fail(field, "'" + text + "' is not an IPv4 address");
+      return *v;
+   }
+   // Fields present that nobody read: a typo would otherwise pass silently.
+   void noOthers() const {
+      for (auto const& [k, v] : object_.items()) {
+         if (!used_.count(k)) fail(k, "unknown field");
+      }
+   }
+   void used(char const* field) const { used_.insert(field); }
+
+ private:
+   std::string file_;
+   std::string where_;
+   json const& object_;
+   mutable std::set<std::string> used_;
+};
+
+Ip::Nat::StaticKey staticKeyOf(Fields const& f) {
+   Lumet::IpAndPort const local = f.ipAndPort("local");
+   std::string const table = f.string("table", "ingress");
+   if (table != "ingress" && table != "egress") f.fail("table", "must be \"ingress\" or \"egress\"");
+   return Ip::Nat::StaticKey(local, Vor::String(f.string("acl", "")),
+                             table == "egress" ? Ip::Nat::NatTable::egress
+                                               : Ip::Nat::NatTable::ingress);
+}
+
+Ip::Nat::NatStaticConnection staticConnectionOf(Fields const& f) {
+   Ip::Nat::StaticKey const key = staticKeyOf(f);
+   Lumet::IpAndPort const global = f.ipAndPort("global");
+   std::string const target = f.string("target", "source");
+   if (target != "source" && target != "destination") {
+      f.fail("target", "must be \"source\" or \"destination\"");
+   }
+   auto const protocol = static_cast<Vor::U8>(f.integer("protocol", 0, 255, 0));
+   auto const vlan = static_cast<Vor::U16>(f.integer("vlan", 0, 4094, 0));
+   bool const forward = f.boolean("forward", true);
+   Ip::Nat::NatStaticConnection conn(
+      key, global,
+      target == "destination" ? Ip::Nat::NatTarget::destination : Ip::Nat::NatTarget::source_,
+      protocol, vlan, forward);
+   if (f.has("filters")) {
+      json const& filters = f.raw("filters");
+      if (!filters.is_array()) f.fail("filters", "must be a list of addresses");
+      for (auto const& item : filters) {
+         if (!item.is_string()) f.fail("filters", "each filter must be a string");
+         auto filter = Sim::parseFilter(item.get<std::string>());
+         if (!filter) f.fail("filters", "'" + item.get<std::string>() + "' is not an address/mask");
+         conn.filterAddressIs(*filter, true);
+      }
+   }
+   return conn;
+}
+
+std::map<std::string, std::size_t> countMap(Fields const& f, char const* field) {
+   std::map<std::string, std::size_t> out;
+   json const& v = f.raw(field);
+   if (!v.is_object()) f.fail(field, "must be an object of names to counts");
+   for (auto const& [name, n] : v.items()) {
+      if (!n.is_number_unsigned() && !(n.is_number_integer() && n.get<long long>() >= 0)) {
+         f.fail(field, "count of '" + name + "' must be a non-negative integer");
+      }
+      out[name] = n.get<std::size_t>();
+   }
+   return out;
+}
+
+Expectation expectationOf(Fields const& f) {
+   Expectation e;
+   auto totalOrMap = [&](char const* field, std::optional<std::size_t>& total,
+                         std::map<std::string, std::size_t>& perIntf) {
+      if (!f.has(field)) return;
+      if (f.raw(field).is_object()) {
+         perIntf = countMap(f, field);
+         for (auto const& [name, n] : perIntf) {
+            if (!Lumet::IntfId::parse(name)) f.fail(field, "'" + name + "' is not an interface name");
+         }
+      } else {
+         total = f.integer(field, 0, std::numeric_limits<std::size_t>::max());
+      }
+   };
+   totalOrMap("hwStatic", e.hwStaticTotal, e.hwStatic);
+   totalOrMap("unprogrammed", e.unprogrammedTotal, e.unprogrammed);
+   if (f.has("chipEntries")) e.chipEntries = f.integer("chipEntries", 0, std::numeric_limits<std::size_t>::max());
+   if (f.has("engines")) e.engines = f.integer("engines", 0, std::numeric_limits<std::size_t>::max());
+   if (f.has("logs")) {
+      e.logs = countMap(f, "logs");
+      for (auto const& [name, n] : e.logs) {
+         if (name != "NAT_HW_RESOURCE_FULL" && name != "NAT_HW_RESOURCE_NORMAL" &&
+             name != "NAT_RULE_IF_MAX") {
+            f.fail("logs", "'" + name + "' is not a message of the engine");
+         }
+      }
+   }
+   e.chipMatchesHwStatus = f.boolean("chipMatchesHwStatus", false);
+   return e;
+}
+
+} // namespace
+
+Scenario loadScenario(std::string const& file, json const& doc) {
+   Scenario s;
+   s.file = file;
+   Fields const top(file, "scenario", doc);
+   s.name = top.string("name", file);
+   if (top.has("chip")) {
+      Fields const chip(file, "chip", top.raw("chip"));
+      s.options.capacity = chip.integer("capacity", 0, 100000000, 1024);
+      std::string const commit = chip.string("commit", "immediate");
+      if (commit != "immediate" && commit != "batch") {
+         chip.fail("commit", "must be \"immediate\" or \"batch\"");
+      }
+      s.options.immediate = commit == "immediate";
+      chip.noOthers();
+   }
+   if (top.has("capabilities")) {
+      Fields const caps(file, "capabilities", top.raw("capabilities"));
+      s.options.dynamicNatSupported = caps.boolean("dynamicNatSupported", false);
+      s.options.destinationNatNextHopNeeded = caps.boolean("destinationNatNextHopNeeded", false);
+      s.options.natCountersSupported = caps.boolean("natCountersSupported", false);
+      caps.noOthers();
+   }
+   if (top.has("helper")) {
+      Fields const helper(file, "helper", top.raw("helper"));
+      s.options.hwNatProfileSupported = helper.boolean("hwNatProfileSupported", false);
+      if (helper.has("counterPollingInterval")) {
+         s.options.counterPollingInterval = helper.number("counterPollingInterval", 0.0, 3600.0);
+      }
+      helper.noOthers();
+   }
+   json const& events = top.raw("events");
+   if (!events.is_array()) top.fail("events", "must be a list of events");
+   double last = 0.0;
+   std::size_t index = 0;
+   for (auto const& item : events) {
+      ++index;
+      std::string where = "event #" + std::to_string(index);
+      Fields const f0(file, where, item);
+      Event e;
+      e.kind = f0.string("event");
+      e.label = where + " (" + e.kind + ")";
+      Fields const f(file, e.label, item);
+      f.used("event");
+      e.at = f.has("at") ? f.number("at", 0.0, 1e9) : last;
+      if (e.at < last) f.fail("at", "goes back in time (previous event at " + std::to_string(last) + ")");
+      last = e.at;
+      if (e.kind == "start") {
+         if (s.explicitStart) f.fail("event", "the system is started once");
+         s.explicitStart = true;
+      } else if (e.kind == "intf") {
+         e.intf = f.intf("intf");
+         e.vrf = f.string("vrf", "");
+         if (e.vrf.size() > 100) f.fail("vrf", "longer than 100 bytes");
+         e.configKey = f.string("configKey", e.intf);
+         if (f.has("members")) {
+            json const& m = f.raw("members");
+            if (!m.is_object()) f.fail("members", "must be an object of interface names to VLANs");
+            for (auto const& [name, vlan] : m.items()) {
+               if (!Lumet::IntfId::parse(name)) f.fail("members", "'" + name + "' is not an interface name");
+               if (!vlan.is_number_integer() || vlan.get<long long>() < 1 || vlan.get<long long>() > 4094) {
+                  f.fail("members", "VLAN of '" + name + "' out of range (1 to 4094)");
+               }
+               e.members[name] = vlan.get<Vor::U16>();
+            }
+         }
+      } else if (e.kind == "intfVrf") {
+         e.intf = f.intf("intf");
+         e.vrf = f.string("vrf");
+         if (e.vrf.size() > 100) f.fail("vrf", "longer than 100 bytes");
+      } else if (e.kind == "intfDel") {
+         e.intf = f.intf("intf");
+      } else if (e.kind == "vrf") {
+         e.vrf = f.string("vrf");
+         if (e.vrf.empty() || e.vrf.size() > 100) f.fail("vrf", "must be 1 to 100 bytes");
+         e.vrfId = static_cast<Vor::U32>(f.integer("vrfId", 0, 0xffffffffu));
+      } else if (e.kind == "vrfDel") {
+         e.vrf = f.string("vrf");
+      } else if (e.kind == "staticAdd") {
+         e.intf = f.intf("intf");
+         e.conn = staticConnectionOf(f);
+      } else if (e.kind == "staticDel") {
+         e.intf = f.intf("intf");
+         e.key = staticKeyOf(f);
+      } else if (e.kind == "aclSharing") {
+         e.value = f.boolean("value");
+      } else if (e.kind == "counterStatus") {
+         e.value = f.boolean("value");
+      } else if (e.kind == "nextHop") {
+         e.vrfId = static_cast<Vor::U32>(f.integer("vrfId", 0, 0xffffffffu));
+         e.addr = f.ip("addr");
+         e.nextHopId = f.integer("nextHopId", 0, std::numeric_limits<Vor::U64>::max());
+      } else if (e.kind == "capacity") {
+         e.count = f.integer("value", 0, 100000000);
+      } else if (e.kind == "refuseNext" || e.kind == "failNextCommit") {
+         e.count = f.integer("count", 0, 1000000);
+      } else if (e.kind == "run") {
+         // Only moves time to "at".
+      } else if (e.kind == "expect") {
+         e.expect = expectationOf(f);
+      } else {
+         f.fail("event", "unknown event '" + e.kind + "'");
+      }
+      f.noOthers();
+      s.events.push_back(std::move(e));
+   }
+   s.runUntil = top.has("runUntil") ? top.number("runUntil", last, 1e9) : last;
+   top.noOthers();
+   return s;
+}
+
+Scenario loadScenarioFile(std::string const& file) {
+   std::ifstream in(file);
+   if (!in) throw ScenarioError{file + ": cannot be read"};
+   json doc;
+   try {
+      doc = json::parse(in);
+   } catch (json::parse_error const& e) {
+      throw ScenarioError{file + ": invalid JSON: " + e.what()};
+   }
+   return loadScenario(file, doc);
+}
+
+} // namespace UloNatSim

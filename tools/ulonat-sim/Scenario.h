@@ -1,0 +1,66 @@
+#pragma once
+// A scenario of ulonat-sim: the chip and capabilities to build the system
+// with, and a list of timed events. Loading validates everything before
+// anything runs; an error names the file, the event and the field.
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "sim/SimSystem.h"
+
+namespace UloNatSim {
+
+struct ScenarioError {
+   std::string text;
+};
+
+struct Expectation {
+   std::optional<std::size_t> hwStaticTotal;
+   std::map<std::string, std::size_t> hwStatic;
+   std::optional<std::size_t> chipEntries;
+   std::optional<std::size_t> unprogrammedTotal;
+   std::map<std::string, std::size_t> unprogrammed;
+   std::map<std::string, std::size_t> logs;
+   std::optional<std::size_t> engines;
+   bool chipMatchesHwStatus = false;
+};
+
+struct Event {
+   double at = 0.0;
+   std::string kind;    // the "event" field
+   std::string label;   // "event #3 (staticAdd)" for messages
+   // Fields, validated and converted at load.
+   std::string intf;
+   std::string vrf;
+   std::string configKey;
+   std::map<std::string, Vor::U16> members;
+   Vor::U32 vrfId = 0;
+   std::optional<Ip::Nat::NatStaticConnection> conn;
+   std::optional<Ip::Nat::StaticKey> key;
+   bool value = false;
+   Vor::U64 count = 0;
+   Lumet::IpAddr addr;
+   Vor::U64 nextHopId = 0;
+   Expectation expect;
+};
+
+struct Scenario {
+   std::string file;
+   std::string name;
+   Sim::SimOptions options;
+   std::vector<Event> events;
+   double runUntil = 0.0;
+   bool explicitStart = false;
+};
+
+// Throws ScenarioError.
+Scenario loadScenario(std::string const& file, nlohmann::json const& json);
+Scenario loadScenarioFile(std::string const& file);
+// The scenario that runs when no file is given.
+Scenario builtInScenario();
+
+} // namespace UloNatSim
