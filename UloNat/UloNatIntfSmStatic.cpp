@@ -14,11 +14,11 @@ namespace Ulo {
 namespace {
 
 bool isDestination(Ip::Nat::NatStaticConnection const& conn) {
-   return conn.target() == Ip::Nat::NatTarget::destination;
+   return conn.target() == Ip::Nat::destination;
 }
 
 bool isEgress(Ip::Nat::StaticKey const& key) {
-   return key.table() == Ip::Nat::NatTable::egress;
+   return key.table() == Ip::Nat::StaticKey::egress;
 }
 
 // The address whose next hop a static connection depends on.

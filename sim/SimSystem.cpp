@@ -145,8 +145,8 @@ std::size_t SimSystem::expectedChipEntries() const {
    for (auto const& [intf, hw] : hwStatus_->intfStatus()) {
       for (auto const& [key, entry] : hw->staticConnectionHw()) {
          std::size_t const filters = entry->filterAddress().size() ? entry->filterAddress().size() : 1;
-         bool const destination = entry->target() == Ip::Nat::NatTarget::destination;
-         bool const egress = key.table() == Ip::Nat::NatTable::egress;
+         bool const destination = entry->target() == Ip::Nat::destination;
+         bool const egress = key.table() == Ip::Nat::StaticKey::egress;
          // An ingress connection takes both directions; an egress one only
          // the direction its target names. A multicast translated source
          // never gets a source translation.

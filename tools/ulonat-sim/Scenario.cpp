@@ -110,8 +110,8 @@ Ip::Nat::StaticKey staticKeyOf(Fields const& f) {
    std::string const table = f.string("table", "ingress");
    if (table != "ingress" && table != "egress") f.fail("table", "must be \"ingress\" or \"egress\"");
    return Ip::Nat::StaticKey(local, Vor::String(f.string("acl", "")),
-                             table == "egress" ? Ip::Nat::NatTable::egress
-                                               : Ip::Nat::NatTable::ingress);
+                             table == "egress" ? Ip::Nat::StaticKey::egress
+                                               : Ip::Nat::StaticKey::ingress);
 }
 
 Ip::Nat::NatStaticConnection staticConnectionOf(Fields const& f) {
@@ -126,7 +126,7 @@ Ip::Nat::NatStaticConnection staticConnectionOf(Fields const& f) {
    bool const forward = f.boolean("forward", true);
    Ip::Nat::NatStaticConnection conn(
       key, global,
-      target == "destination" ? Ip::Nat::NatTarget::destination : Ip::Nat::NatTarget::source_,
+      target == "destination" ? Ip::Nat::destination : Ip::Nat::source_,
       protocol, vlan, forward);
    if (f.has("filters")) {
       json const& filters = f.raw("filters");
