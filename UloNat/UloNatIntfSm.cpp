@@ -301,9 +301,8 @@ void NatIntfStatusSm::doCleanupConnections() {
 void NatIntfStatusSm::addUnprogrammedEntry(NatType type, bool fullTable) {
    auto ue = natSmStatus_->unprogrammedEntries(natIntf_);
    if (!ue) {
-      ue = natUnprogrammedEntriesFactory(natIntf_);
+      ue = natSmStatus_->unprogrammedEntriesIs(natIntf_);
       uloAssert(ue);
-      natSmStatus_->unprogrammedEntriesIs(ue);
    }
    VOR_TRACE(7, natIntf_ << " addUnprogrammedEntry type: " << static_cast<int>(type)
                          << " fullTable: " << fullTable);

@@ -40,15 +40,19 @@
 #include <set>
 
 #include "UloNat/UloHelperNat.h"
+#include "UloNat/UloNatMulticastAdapter.h"
 #include "UloNat/UloNatMulticastTransition.h"
 #include "UloNat/UloNatTypes.h"
 #include "framework/DovTask.h"
+#include "framework/IpNatDynamicConnectionStatus.h"
+#include "framework/IpNatHwCapabilities.h"
+#include "framework/IpNatHwStatus.h"
+#include "framework/IpNatStatus.h"
+#include "framework/MrouteLibStaticNatInfo.h"
 #include "framework/UloBaseSm.h"
 #include "framework/VorReactor.h"
 
 namespace Ulo {
-
-class NatMulticastAdapter;
 
 // The keys that watch one next-hop address, per kind of connection.
 class StaticNatAddrInfo : public Vor::PtrInterface {

@@ -219,8 +219,9 @@ void NatIntfStatusSm::deleteStaticConnection(Ip::Nat::StaticKey const& key) {
 
 void NatIntfStatusSm::addStaticHwEntry(Ip::Nat::StaticKey const& key,
                                        Ip::Nat::NatStaticConnection const& conn) {
-   auto hw = hwIntfStatus();
-   uloAssert(hw && "hwIntfStatus");
+   auto const hwIntfStatus = this->hwIntfStatus();
+   uloAssert(hwIntfStatus);
+   auto const& hw = hwIntfStatus;
    if (hw->staticConnectionHw(key)) {
       VOR_TRACE(8, "Static key found in hw collection, deleting old entry");
       hw->staticConnectionHwDel(key);
@@ -231,8 +232,9 @@ void NatIntfStatusSm::addStaticHwEntry(Ip::Nat::StaticKey const& key,
 }
 
 void NatIntfStatusSm::deleteStaticHwEntry(Ip::Nat::StaticKey const& key) {
-   auto hw = hwIntfStatus();
-   uloAssert(hw && "hwIntfStatus");
+   auto const hwIntfStatus = this->hwIntfStatus();
+   uloAssert(hwIntfStatus);
+   auto const& hw = hwIntfStatus;
    if (hw->staticConnectionHw(key)) hw->staticConnectionHwDel(key);
 }
 
@@ -336,8 +338,8 @@ void NatIntfStatusSm::doProcessBacklogStatic() {
    bool const commitFailed = !natHelper_->commitHwTranslations();
    if (commitFailed) VOR_TRACE(3, "ACL commit failed" << natIntf_ << ", commit failed");
 
-   auto hw = hwIntfStatus();
-   uloAssert(hw && "hwIntfStatus");
+   auto const hwIntfStatus = this->hwIntfStatus();
+   uloAssert(hwIntfStatus);
    Vor::U64 processed = 0;
    bool updateDone = false;
 

@@ -289,7 +289,7 @@ void NatSm::handleNatIntfStatus(Lumet::IntfId const& intf) {
    auto const routes = routingHwRouteStatus_.notifier();
    auto const vrfStatus = routes ? routes->vrfStatus(vrfName) : Ptr<Routing::Hardware::VrfStatus const>();
    // "default" is ready with id 0; any other VRF with 0 has no id yet.
-   if (!vrfStatus || (!(vrfName == defaultVrfName) && vrfStatus->vrfId() == 0)) {
+   if (!vrfStatus || (!(vrfName == defaultVrfName) && vrfStatus->vrfId().value() == 0)) {
       VOR_TRACE(5, " VRF " << vrfName << " not ready in hw");
       return;
    }
@@ -298,7 +298,8 @@ void NatSm::handleNatIntfStatus(Lumet::IntfId const& intf) {
    // On every successful pass, not only the first: hwInit() tolerates it.
    natHelper_->hwInit();
 
-   std::string const configKey = st->intfConfigKeyHas(intf) ? st->intfConfigKey(intf) : std::string();
+   // A missing entry gives the empty key.
+   Vor::String const configKey = st->intfConfigKey(intf);
    VOR_TRACE(5, "Creating intfStatus for " << configKey << " on VRF " << vrfName);
    hwStatus_->intfStatusIs(configKey, intf);
 
@@ -306,9 +307,11 @@ void NatSm::handleNatIntfStatus(Lumet::IntfId const& intf) {
    // interface goes.
    if (natIntfStatusSm(intf)) return;
 
-   auto vrfRecord = natSmStatus_->natSmStatusVrfIs(vrfId);
-   uloAssert(vrfRecord && "vrfStatus");
-   vrfRecord->intfIs(intf);
+   {
+      auto vrfStatus = natSmStatus_->natSmStatusVrfIs(vrfId);
+      uloAssert(vrfStatus);
+      vrfStatus->intfIs(intf);
+   }
 
    auto engine = natIntfStatusSmIs(commonSmDataMutable_, member, st, hwStatus_,
                                    dynamicConnectionStatus_, dynamicConnectionHwStatus_,

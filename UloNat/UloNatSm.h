@@ -34,13 +34,13 @@
 #include "UloNat/UloNatIntfSm.h"
 #include "UloNat/UloNatTypes.h"
 #include "framework/DovTask.h"
+#include "framework/RoutingHwRouteStatus.h"
+#include "framework/UloL3IntfTable.h"
 #include "framework/UloBaseSm.h"
 #include "framework/VorLog.h"
 #include "framework/VorReactor.h"
 
 namespace Ulo {
-
-class NatMulticastAdapter;
 
 class NatSm : public UloBaseSm {
  public:
