@@ -57,8 +57,14 @@ Report runScenario(Scenario const& scenario) {
    Sim::SimSystem sys(scenario.options);
    if (!scenario.explicitStart) sys.start();
 
-   for (Event const& e : scenario.events) {
-      sys.runUntil(e.at);
+   // Events of one time happen together: the scheduler runs before the
+   // first of them and after the last, not in between, so that a batch or a
+   // fault injected at that time sees all of them.
+   for (std::size_t i = 0; i < scenario.events.size(); ++i) {
+      Event const& e = scenario.events[i];
+      bool const firstOfItsTime = i == 0 || scenario.events[i - 1].at != e.at;
+      bool const lastOfItsTime = i + 1 == scenario.events.size() || scenario.events[i + 1].at != e.at;
+      if (firstOfItsTime) sys.runUntil(e.at);
       if (e.kind == "start") {
          sys.start();
       } else if (e.kind == "intf") {
@@ -98,7 +104,7 @@ Report runScenario(Scenario const& scenario) {
          sys.runUntilIdle();
          check(sys, e, report);
       }
-      sys.runUntilIdle();
+      if (lastOfItsTime) sys.runUntilIdle();
    }
    sys.runUntil(scenario.runUntil);
    report.endTime = sys.now();
