@@ -244,3 +244,55 @@ void TrevineWriterBase::cleanup() {
 }
 
 } // namespace Trevine
+
+namespace Trevine {
+
+bool TrevineReaderBase::attach(U32 fenix, std::string& message) {
+   detach();
+   lastSeq_ = 0;
+   std::string error;
+   if (!file_.open(path_, Mem::MappedFile::Mode::readOnly, error)) {
+      message = fmt::format("cannot attach to shmem {} size:{}: {}", path_, 0, error);
+      return false;
+   }
+   if (!view().validate(file_.size(), fenix, 0, message)) {
+      detach();
+      return false;
+   }
+   return true;
+}
+
+U32 TrevineReaderBase::firstAfter(U64 seq, U32 size) const {
+   Record const* records = view().records();
+   U32 lo = 0, hi = size;
+   while (lo < hi) {
+      U32 mid = lo + (hi - lo) / 2;
+      if (records[mid].seq <= seq) {
+         lo = mid + 1;
+      } else {
+         hi = mid;
+      }
+   }
+   return lo;
+}
+
+bool TrevineReaderBase::validateNotif(U32 slot, U64 seq) const {
+   TrevineView v = view();
+   if (swapCount() & 1) return true;
+   if (slot >= v.header()->slotCapacity) return true;
+   U32 const pos = Mem::load32(v.slotPos() + slot);
+   if (pos == noPos) return true;
+   if (pos >= v.size()) {
+      DUOLOG(5, "latest notification out-of-range, slot:{} pos:{} size:{}", slot, pos, v.size());
+      return true;
+   }
+   Record r;
+   std::memcpy(&r, v.records() + pos, sizeof r);
+   return !(r.slot == slot && r.seq > seq);
+}
+
+void TrevineReaderBase::traceSwapped(U64 writerSeq, U64 shadowSeq) {
+   DUOLOG(7, "trevine swapped writerSeq:{} shadowSeq:{}", writerSeq, shadowSeq);
+}
+
+} // namespace Trevine

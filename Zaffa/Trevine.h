@@ -37,6 +37,8 @@
 #include "framework/VorHash.h"
 #include "Zaffa/Mem.h"
 
+#include <atomic>
+#include <cstring>
 #include <string>
 
 namespace Trevine {
@@ -160,6 +162,120 @@ class TrevineWriter : public TrevineWriterBase {
 
  public:
    using TrevineWriterBase::TrevineWriterBase;
+};
+
+} // namespace Trevine
+
+namespace Trevine {
+
+// The queue's read side, for a reader that keeps a private copy of the table.
+//
+// A reader remembers the sequence of the last record it took (lastSeq). The
+// live records of the file always include, for every slot that changed after
+// lastSeq, that slot's latest record (a slot's earlier records are deleted
+// only when a later one is appended), and their sequences rise with their
+// positions; so a binary search for the first sequence above lastSeq, and a
+// scan from there to `size`, tells the reader of every slot that changed.
+//
+// The writer moves records under a reader when it compacts the array or lays
+// the file out anew; swapCount is odd while it does, and changes. A scan that
+// sees swapCount odd or changed may have read moved or half-moved records: it
+// keeps lastSeq where it was, and the next poll scans again ("trevine
+// swapped"). So a record may be delivered more than once, or a slot that did
+// not change may be delivered; the reader must treat a record as "look at
+// this slot again", never as a description of the change.
+//
+// Thread safety: one thread. Nothing is ever stored to the file.
+class TrevineReaderBase {
+ public:
+   struct Poll {
+      U32 delivered = 0;     // records handed to the callback
+      bool caughtUp = false; // the scan reached the end of the queue
+      bool swapped = false;  // the writer moved records during the scan
+   };
+
+   explicit TrevineReaderBase(std::string path) : path_(std::move(path)) {}
+   // Maps the file read-only and validates it against `fenix` (0: any).
+   // False with the fault in `message`.
+   bool attach(U32 fenix, std::string& message);
+   void detach() { file_.close(); }
+   bool attached() const { return file_.isOpen(); }
+
+   // The writer's latest sequence now.
+   U64 writerSeq() const { return Mem::load64(&view().header()->writerSeq); }
+   U64 lastSeq() const { return lastSeq_; }
+   // Skip everything up to `seq`: the caller has looked at every slot after
+   // reading writerSeq() == seq.
+   void lastSeqIs(U64 seq) { lastSeq_ = seq; }
+
+   // Hands up to `limit` records after lastSeq to fn(slot, seq, tombstone),
+   // in order, and advances lastSeq past them unless the writer moved records
+   // during the scan.
+   template <typename F>
+   Poll poll(F&& fn, U32 limit);
+
+   // False when `seq` is no longer the latest notification of `slot`: a later
+   // one exists, and will be delivered. True when it is, or when that cannot
+   // be told now (records moving); traces "latest notification out-of-range"
+   // when the slot's position lies beyond the records in use.
+   bool validateNotif(U32 slot, U64 seq) const;
+
+   TrevineView view() const { return TrevineView(file_.base()); }
+   std::string const& path() const { return path_; }
+
+ private:
+   U32 swapCount() const { return Mem::load32(&view().header()->swapCount); }
+   // First position whose record has a sequence above `seq`.
+   U32 firstAfter(U64 seq, U32 size) const;
+   static void traceSwapped(U64 writerSeq, U64 shadowSeq);
+
+   std::string path_;
+   Mem::MappedFile file_;
+   U64 lastSeq_ = 0;
+};
+
+template <typename F>
+TrevineReaderBase::Poll TrevineReaderBase::poll(F&& fn, U32 limit) {
+   Poll result;
+   U32 const swaps = swapCount();
+   if (swaps & 1) {
+      result.swapped = true;
+      return result;
+   }
+   // Acquire: the records below size are whole.
+   U32 const size = view().size();
+   U32 const slotCapacity = view().header()->slotCapacity;
+   Record const* records = view().records();
+   U64 last = lastSeq_;
+   U32 p = firstAfter(last, size);
+   for (; p < size && result.delivered < limit; ++p) {
+      Record r;
+      std::memcpy(&r, records + p, sizeof r);
+      if (r.seq <= last) break;   // records moved under us; the check below tells
+      last = r.seq;
+      if (r.flags & recordDeleted) continue;
+      if (r.slot >= slotCapacity) continue;
+      fn(r.slot, r.seq, (r.flags & recordTombstone) != 0);
+      ++result.delivered;
+   }
+   std::atomic_thread_fence(std::memory_order_acquire);
+   if (swapCount() != swaps) {
+      traceSwapped(writerSeq(), lastSeq_);
+      result.swapped = true;
+      return result;
+   }
+   lastSeq_ = last;
+   result.caughtUp = p >= size;
+   return result;
+}
+
+// The queue as the table names it: elements are slot indices.
+template <typename BasicSlot>
+class TrevineReader : public TrevineReaderBase {
+   static_assert(sizeof(BasicSlot) == 4, "the queue file stores 32-bit slots");
+
+ public:
+   using TrevineReaderBase::TrevineReaderBase;
 };
 
 } // namespace Trevine

@@ -7,7 +7,7 @@
 // written (ids at or above keySpace are never written). The counts of what
 // each reader did are printed, so that a run that did little is visible.
 
-#include "Zaffa/ZaffaReader.h"
+#include "Zaffa/ZaffaShadow.h"
 #include "tests/Zaffa/ZaffaTestTypes.h"
 
 #include <gtest/gtest.h>
@@ -169,6 +169,56 @@ Zaffa::WriterConfig churnConfig(std::string const& root) {
    _exit(::write(reportFd, &report, sizeof report) == sizeof report ? 0 : 4);
 }
 
+// A shadow that polls while the writer churns; once the writer has ended
+// (its files stay), it catches up and must hold exactly what the files hold.
+[[noreturn]] void shadowProcess(std::string const& root, double seconds, int writerDoneFd, int reportFd) {
+   ReaderReport report;
+   auto fail = [&](std::string const& text) {
+      if (report.failures++ == 0) std::snprintf(report.firstFailure, sizeof report.firstFailure, "%s", text.c_str());
+   };
+   try {
+      U64 changes = 0;
+      Zaffa::ZaffaShadow<TestKey, TestValue> shadow(
+         Mem::RootPath(root), Mem::Notify<TestKey, TestValue>{[&](TestKey const& k) {
+            ++changes;
+            if (k.id >= keySpace) fail(fmt::format("told of key {} that was never written", k.id));
+         }, {}, {}, {}});
+      shadow.yieldTimeIs(0.01);
+      if (!shadow.initialize("test")) {
+         fail("initialize failed");
+      } else {
+         auto end = Clock::now() + std::chrono::duration<double>(seconds);
+         while (Clock::now() < end) {
+            shadow.poll();
+            ++report.walks;
+         }
+         char done;
+         if (::read(writerDoneFd, &done, 1) != 1) fail("no word from the writer");
+         while (!shadow.poll()) {
+         }
+         Zaffa::ZaffaReader<TestKey, TestValue> reader{Mem::RootPath(root)};
+         std::string message;
+         if (!reader.attach(message)) fail("reader attach: " + message);
+         for (U64 id = 0; id < keySpace && report.failures == 0; ++id) {
+            TestValue a, b;
+            bool inShadow = shadow.lookup(TestKey::of(id), a);
+            bool inFiles = reader.lookup(TestKey::of(id), b);
+            ++report.lookups;
+            if (inShadow != inFiles) fail(fmt::format("key {} in shadow:{} in files:{}", id, inShadow, inFiles));
+            if (inShadow && inFiles && std::memcmp(&a, &b, sizeof a) != 0) fail(fmt::format("key {} differs", id));
+            if (inShadow) ++report.hits;
+         }
+         if (shadow.members() != reader.members()) fail("member counts differ");
+         report.walkEntries = changes;
+         report.retries = shadow.counters().notifications;
+         report.slowPaths = shadow.counters().discarded;
+      }
+   } catch (std::exception const& e) {
+      fail(std::string("exception: ") + e.what());
+   }
+   _exit(::write(reportFd, &report, sizeof report) == sizeof report ? 0 : 4);
+}
+
 template <typename Report>
 Report readReport(int fd) {
    Report r{};
@@ -253,5 +303,66 @@ TEST(ZaffaMultiProcess, ReadersNeverSeeATornValueOrAnUnwrittenKey) {
       EXPECT_GT(rr.lookups, 1000u);
       EXPECT_GT(rr.hits, 0u);
       EXPECT_GT(rr.walks, 0u);
+   }
+}
+
+TEST(ZaffaMultiProcess, ShadowsConvergeToTheWritersFinalState) {
+   TempDir dir;
+   double const seconds = testBudgetSeconds(2.0, 30.0);
+   int const shadows = 2;
+   int ready[2], writerOut[2], done[2];
+   ASSERT_EQ(::pipe(ready), 0);
+   ASSERT_EQ(::pipe(writerOut), 0);
+   ASSERT_EQ(::pipe(done), 0);
+   pid_t writer = ::fork();
+   ASSERT_GE(writer, 0);
+   if (writer == 0) {
+      ::close(ready[0]);
+      ::close(writerOut[0]);
+      writerProcess(dir.path(), seconds, ready[1], writerOut[1]);
+   }
+   ::close(ready[1]);
+   ::close(writerOut[1]);
+   char ok = 0;
+   ASSERT_EQ(::read(ready[0], &ok, 1), 1) << "writer failed to attach";
+   std::vector<pid_t> pids;
+   std::vector<int> fds;
+   for (int i = 0; i < shadows; ++i) {
+      int out[2];
+      ASSERT_EQ(::pipe(out), 0);
+      pid_t pid = ::fork();
+      ASSERT_GE(pid, 0);
+      if (pid == 0) {
+         ::close(out[0]);
+         ::close(done[1]);
+         shadowProcess(dir.path(), seconds, done[0], out[1]);
+      }
+      ::close(out[1]);
+      pids.push_back(pid);
+      fds.push_back(out[0]);
+   }
+   ::close(done[0]);
+   WriterReport wr = readReport<WriterReport>(writerOut[0]);
+   int status = 0;
+   ::waitpid(writer, &status, 0);
+   EXPECT_EQ(wr.ok, 1);
+   std::printf("writer: %llu operations, slot shrinks %llu, bucket grows %llu\n",
+               (unsigned long long)wr.operations, (unsigned long long)wr.slotShrinks,
+               (unsigned long long)wr.bucketGrows);
+   char word[4] = {1, 1, 1, 1};
+   ASSERT_EQ(::write(done[1], word, shadows), shadows);
+   ::close(done[1]);
+   for (int i = 0; i < shadows; ++i) {
+      ReaderReport rr = readReport<ReaderReport>(fds[i]);
+      ::waitpid(pids[i], &status, 0);
+      std::printf("shadow %d: %llu polls, %llu notifications, %llu keys reported, %llu discarded, "
+                  "final check of %llu keys (%llu present); failures %llu\n",
+                  i, (unsigned long long)rr.walks, (unsigned long long)rr.retries,
+                  (unsigned long long)rr.walkEntries, (unsigned long long)rr.slowPaths,
+                  (unsigned long long)rr.lookups, (unsigned long long)rr.hits,
+                  (unsigned long long)rr.failures);
+      EXPECT_EQ(rr.failures, 0u) << "shadow " << i << ": " << rr.firstFailure;
+      EXPECT_EQ(rr.lookups, keySpace);
+      EXPECT_GT(rr.walkEntries, 1000u);
    }
 }

@@ -1,0 +1,165 @@
+// Shadows that follow a writer through the notification queue: both stores,
+// convergence under growth, compaction and bucket changes, the report of
+// every changed key, a shadow that starts before its writer, a writer that is
+// replaced by a new generation, and a notification beyond the shared table.
+
+#include "Zaffa/ZaffaShadow.h"
+#include "tests/Zaffa/ZaffaTestTypes.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+#include <set>
+
+using namespace ZaffaTest;
+
+namespace {
+
+template <typename Store>
+struct ShadowFixture {
+   using Shadow = Zaffa::ZaffaShadow<TestKey, TestValue, Store>;
+   std::set<U64> reported;
+   Shadow shadow;
+   explicit ShadowFixture(std::string const& root)
+       : shadow(Mem::RootPath(root),
+                Mem::Notify<TestKey, TestValue>{[this](TestKey const& k) { reported.insert(k.id); }, {}, {}, {}}) {}
+};
+
+// The shadow holds exactly `model`, by lookup and by walk.
+template <typename Shadow>
+void expectShadowMatches(Shadow& s, std::map<U64, TestValue> const& model, U64 keySpace) {
+   ASSERT_EQ(s.members(), model.size());
+   for (U64 id = 0; id < keySpace; ++id) {
+      TestValue v;
+      bool found = s.lookup(TestKey::of(id), v);
+      auto it = model.find(id);
+      ASSERT_EQ(found, it != model.end()) << "key " << id;
+      if (found) {
+         ASSERT_EQ(std::memcmp(&v, &it->second, sizeof v), 0) << "value of " << id;
+      }
+   }
+   std::set<U64> walked;
+   TestValue v;
+   Zaffa::IterHint hint;
+   for (bool more = s.first(v, hint); more; more = s.next(v.key, v, hint)) {
+      ASSERT_TRUE(walked.insert(v.key.id).second) << "walk met " << v.key.id << " twice";
+   }
+   ASSERT_EQ(walked.size(), model.size());
+}
+
+template <typename Store>
+class ZaffaShadowStores : public ::testing::Test {};
+using Stores = ::testing::Types<Zaffa::ShadowStore<TestKey, TestValue>, Zaffa::KeyShadowStore<TestKey, TestValue>>;
+TYPED_TEST_SUITE(ZaffaShadowStores, Stores);
+
+} // namespace
+
+TYPED_TEST(ZaffaShadowStores, ConvergesAndReportsEveryChangedKey) {
+   TempDir dir;
+   Writer w(config(dir.path(), 16, 64));
+   w.attach();
+   std::map<U64, TestValue> model;
+   for (U64 id = 0; id < 30; ++id) model[id] = *w.write(TestValue::of(id, 1), true);
+   ShadowFixture<TypeParam> f(dir.path());
+   ASSERT_TRUE(f.shadow.initialize("test"));
+   EXPECT_TRUE(f.shadow.synchronised());
+   EXPECT_EQ(f.reported.size(), 30u) << "a shadow that starts empty learns of every key";
+   expectShadowMatches(f.shadow, model, 1000);
+
+   std::mt19937_64 rng(3);
+   U64 stamp = 1;
+   for (int round = 0; round < 12; ++round) {
+      f.reported.clear();
+      std::map<U64, TestValue> before = model;
+      // Alternate filling and draining so that the table grows, splits
+      // buckets, compacts and joins them between two polls.
+      U64 const target = round % 3 == 2 ? 5 : 300;
+      for (int op = 0; op < 600; ++op) {
+         U64 id = rng() % 1000;
+         if (model.size() < target || (rng() % 4 == 0 && model.count(id))) {
+            model[id] = *w.write(TestValue::of(id, ++stamp), true);
+         } else if (model.count(id)) {
+            TestValue old;
+            w.remove(TestKey::of(id), old);
+            model.erase(id);
+         }
+      }
+      while (model.size() > target) {
+         TestValue old;
+         auto it = model.begin();
+         std::advance(it, static_cast<long>(rng() % model.size()));
+         w.remove(it->second.key, old);
+         model.erase(it);
+      }
+      ASSERT_TRUE(f.shadow.poll());
+      expectShadowMatches(f.shadow, model, 1000);
+      if (this->HasFatalFailure()) return;
+      std::set<U64> changed;
+      for (auto const& [id, v] : model) {
+         auto it = before.find(id);
+         if (it == before.end() || std::memcmp(&it->second, &v, sizeof v) != 0) changed.insert(id);
+      }
+      for (auto const& [id, v] : before) {
+         if (!model.count(id)) changed.insert(id);
+      }
+      for (U64 id : changed) EXPECT_TRUE(f.reported.count(id)) << "round " << round << ": key " << id << " not reported";
+      if constexpr (TypeParam::holdsValues) {
+         // A shadow with values reports nothing that did not change.
+         for (U64 id : f.reported) EXPECT_TRUE(changed.count(id)) << "round " << round << ": key " << id << " reported";
+      }
+   }
+   EXPECT_GT(w.counters().slotShrinks, 0u);
+   EXPECT_GT(w.counters().bucketShrinks, 0u);
+}
+
+TEST(ZaffaShadow, StartsBeforeItsWriterAndFollowsANewGeneration) {
+   TempDir dir;
+   ShadowFixture<Zaffa::ShadowStore<TestKey, TestValue>> f(dir.path());
+   EXPECT_FALSE(f.shadow.initialize("sentry")) << "no writer yet";
+   EXPECT_EQ(f.shadow.members(), 0u);
+   TestValue v;
+   EXPECT_FALSE(f.shadow.lookup(TestKey::of(1), v));
+
+   std::map<U64, TestValue> model;
+   {
+      Writer w(config(dir.path()));
+      w.attach();
+      for (U64 id = 0; id < 20; ++id) model[id] = *w.write(TestValue::of(id, 1), true);
+      ASSERT_TRUE(f.shadow.initialize("sentry"));
+      expectShadowMatches(f.shadow, model, 100);
+      // The writer goes and its files with it.
+      w.cleanup();
+   }
+   f.shadow.handleDisconnect();
+   EXPECT_FALSE(f.shadow.attached());
+   EXPECT_EQ(f.shadow.members(), 20u) << "the copy is kept while the writer is away";
+
+   // A new writer with a new generation and other contents: the shadow
+   // resynchronises and reports exactly the keys that differ.
+   Writer w2(config(dir.path()));
+   w2.attach();
+   std::map<U64, TestValue> model2;
+   for (U64 id = 10; id < 40; ++id) model2[id] = *w2.write(TestValue::of(id, id < 15 ? 1 : 2), true);
+   f.reported.clear();
+   ASSERT_TRUE(f.shadow.initialize("sentry"));
+   expectShadowMatches(f.shadow, model2, 100);
+   std::set<U64> expected;
+   for (U64 id = 0; id < 10; ++id) expected.insert(id);
+   for (U64 id = 15; id < 40; ++id) expected.insert(id);
+   EXPECT_EQ(f.reported, expected);
+}
+
+TEST(ZaffaShadow, NotificationBeyondTheSharedTableIsDiscarded) {
+   TempDir dir;
+   Writer w(config(dir.path()));
+   w.attach();
+   w.write(TestValue::of(1, 1), true);
+   ShadowFixture<Zaffa::ShadowStore<TestKey, TestValue>> f(dir.path());
+   ASSERT_TRUE(f.shadow.initialize("test"));
+   U32 const beyond = w.capacity() + 100;
+   EXPECT_NO_THROW(f.shadow.doSlot(beyond, 0, false));
+   EXPECT_EQ(f.shadow.counters().discarded, 1u);
+   EXPECT_EQ(f.shadow.capacity(), w.capacity());
+   EXPECT_EQ(f.shadow.members(), 1u);
+}
