@@ -174,56 +174,114 @@ void NatFailedHwKeyStatus::entryDelAll() {
 
 // ---- NatHwShadow ----
 
-NatHwShadowStore::~NatHwShadowStore() = default;
-
-NatHwShadowEntry NatHwShadowMemoryStore::get(NatHwKey const& key) const {
-   NatHwShadowEntry const* entry = entries_.find(key);
-   uloAssert(entry);
-   return *entry;
-}
-
-bool NatHwShadowMemoryStore::put(NatHwShadowEntry const& entry) {
-   if (NatHwShadowEntry* present = entries_.find(entry.key())) {
-      if (*present == entry) return false;
-      *present = entry;
-      return true;
+class NatHwShadow::NatHwShadowZeroReferencesNotifiee : public Vor::PtrInterface::NotifieeConst {
+ public:
+   explicit NatHwShadowZeroReferencesNotifiee(NatHwShadow* shadow) : shadow_(shadow) {}
+   void onZeroReferences() override {
+      NatHwShadow* const shadow = shadow_;
+      Vor::Ptr<VorZaffa::CollectionControl> control = shadow->entry_.controlRelease();
+      control->entityRefIs(Vor::Ptr<Vor::PtrInterface const>(shadow));
+      // Dropping `control` may destroy it, and with it the shadow and this
+      // notifiee: nothing below may touch either.
    }
-   entries_.insert(entry.key(), entry);
-   return true;
-}
 
-void NatHwShadowMemoryStore::forEach(std::function<bool(NatHwShadowEntry const&)> const& visit) const {
-   for (auto const& member : entries_) {
-      if (!visit(member.value())) return;
-   }
-}
+ private:
+   NatHwShadow* shadow_;
+};
 
-NatHwShadow::NatHwShadow(Vor::String name, std::unique_ptr<NatHwShadowStore> store)
+NatHwShadow::NatHwShadow(Vor::String name)
     : Vor::Entity(std::move(name)),
-      store_(store ? std::move(store) : std::make_unique<NatHwShadowMemoryStore>()) {}
+      zeroReferencesNotifiee_(std::make_unique<NatHwShadowZeroReferencesNotifiee>(this)) {
+   // Registered without a strong reference: it must not keep the entity up.
+   notifieeAdd(zeroReferencesNotifiee_.get());
+   entry_.entity("entry", this, &NatHwShadow::entryNotify, &NatHwShadow::entryNotifyQuiesced,
+                 &NatHwShadow::entryNotifyMountStatus);
+}
+
+NatHwShadow::~NatHwShadow() { notifieeRemove(zeroReferencesNotifiee_.get()); }
+
+void NatHwShadow::handleZeroRef() const {
+   if (entry_.control()) {
+      zeroReferencesNotifiee_->onZeroReferences();
+      return;
+   }
+   delete this;
+}
+
+bool NatHwShadow::entryHas(NatHwKey const& key) const {
+   NatHwShadowEntry value;
+   return entry_.map().lookup(key, value);
+}
 
 NatHwShadowEntry NatHwShadow::entry(NatHwKey const& key) const {
-   return store_->has(key) ? store_->get(key) : NatHwShadowEntry();
+   NatHwShadowEntry value;
+   return entry_.map().lookup(key, value) ? value : NatHwShadowEntry();
+}
+
+void NatHwShadow::notifyEntry(NatHwKey const& key) {
+   memberChanged(entryId, key);
+   entryNotifyCounter_.inc();
 }
 
 void NatHwShadow::entryIs(NatHwShadowEntry const& shadowEntry) {
    uloAssert(!!shadowEntry.key());
+   entryIsCounter_.inc();
    NatHwKey const key = shadowEntry.key();
-   if (store_->put(shadowEntry)) memberChanged(entryId, key);
+   NatHwShadowEntry present;
+   if (entry_.map().lookup(key, present) && present == shadowEntry) return;
+   entry_.map().safeWrite(shadowEntry, true);
+   notifyEntry(key);
 }
 
 void NatHwShadow::entryDel(NatHwKey const& key) {
+   entryDelCounter_.inc();
    NatHwKey const k = key;
-   if (store_->erase(k)) memberChanged(entryId, k);
+   NatHwShadowEntry old;
+   if (entry_.map().safeRemove(k, old)) notifyEntry(k);
 }
 
-void NatHwShadow::storeIs(std::unique_ptr<NatHwShadowStore> store) {
-   if (!store) return;
-   store_->forEach([&](NatHwShadowEntry const& entry) {
-      store->put(entry);
-      return true;
-   });
-   store_ = std::move(store);
+void NatHwShadow::entryDelAll() {
+   NatHwShadowEntry first;
+   while (entry_.map().first(first)) entryDel(first.key());
+}
+
+NatHwShadowEntry* NatHwShadow::entryDirectWrite(NatHwKey const& key) {
+   uloAssert(!!key);
+   return entry_.map().directWrite(key);
+}
+
+void NatHwShadow::entryCommit(NatHwShadowEntry const* shadowEntry) {
+   uloAssert(shadowEntry);
+   entryIsCounter_.inc();
+   NatHwShadowEntry const* stored = entry_.map().directCommit();
+   notifyEntry(stored->key());
+}
+
+void NatHwShadow::entryForEach(std::function<bool(NatHwShadowEntry const&)> const& visit) const {
+   NatHwShadowEntry value;
+   bool more = entry_.map().first(value);
+   while (more) {
+      if (!visit(value)) return;
+      NatHwKey const key = value.key();
+      more = entry_.map().next(key, value);
+   }
+}
+
+void NatHwShadow::entryNotify(NatHwKey const& key) { notifyEntry(key); }
+
+void NatHwShadow::entryNotifyMountStatus() {
+   if (entry_.control()) entry_.control()->mountStatusIs(entry_.map().mountStatus());
+}
+
+void NatHwShadow::entryNotifyQuiesced(bool quiesced) {
+   if (entry_.control()) entry_.control()->quiescedIs(quiesced);
+}
+
+Vor::U64 NatHwShadow::counter(std::string const& name) const {
+   for (VorZaffa::NamedCounter const* c : {&entryIsCounter_, &entryDelCounter_, &entryNotifyCounter_}) {
+      if (c->name() == name) return c->value();
+   }
+   return 0;
 }
 
 // ---- factories ----
@@ -247,5 +305,10 @@ Vor::Ptr<NatFailedHwKeyStatus> natFailedHwKeyStatusFactory(Vor::String name) {
    return activeEntity<NatFailedHwKeyStatus>(std::move(name));
 }
 Vor::Ptr<NatHwShadow> natHwShadowFactory(Vor::String name) { return activeEntity<NatHwShadow>(std::move(name)); }
+Vor::Ptr<NatHwShadow> natHwShadowFactory(Vor::String name, Zaffa::MapDescriptor const& descriptor) {
+   Vor::Ptr<NatHwShadow> shadow = activeEntity<NatHwShadow>(std::move(name));
+   shadow->entryControl()->initIs(descriptor);
+   return shadow;
+}
 
 } // namespace Ulo

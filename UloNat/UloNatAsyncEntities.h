@@ -16,10 +16,8 @@
 // Keys of type NatHwKey are kept in hash collections only: the key's order
 // leaves out filterAddrId, so an ordered map would merge siblings.
 //
-// NatHwShadow delegates its storage to a NatHwShadowStore. The in-process
-// store here keeps entries in memory; the shared-memory table can take over
-// by providing a store of its own (storeIs), without any change to the
-// shadow's users.
+// NatHwShadow keeps its entries in a shared-memory table (VorZaffaMap): a
+// private one by default, a shared one once its control initialises it.
 //
 // Thread safety: none; each side uses these from its one thread.
 
@@ -35,6 +33,8 @@
 #include "framework/VorHashMap2018.h"
 #include "framework/VorPtr.h"
 #include "framework/VorSet.h"
+#include "VorZaffa/VorZaffaMap.h"
+#include "Zaffa/ZaffaNatHwShadow.h"
 
 namespace Ulo {
 
@@ -208,65 +208,80 @@ class NatFailedHwKeyStatus : public Vor::Entity {
    EntrySet entry_;
 };
 
-// Where NatHwShadow keeps its entries.
-class NatHwShadowStore {
- public:
-   virtual ~NatHwShadowStore();
-   virtual bool has(NatHwKey const& key) const = 0;
-   // REQUIRES: has(key).
-   virtual NatHwShadowEntry get(NatHwKey const& key) const = 0;
-   // Stores `entry` under its key; returns true when that changed the store.
-   virtual bool put(NatHwShadowEntry const& entry) = 0;
-   // Returns true when there was an entry.
-   virtual bool erase(NatHwKey const& key) = 0;
-   virtual std::size_t size() const = 0;
-   // Visits the entries until `visit` returns false; the order is
-   // unspecified. The visitor must not change the store.
-   virtual void forEach(std::function<bool(NatHwShadowEntry const&)> const& visit) const = 0;
-};
-
-// The in-process store: entries in memory, lost with the process.
-class NatHwShadowMemoryStore : public NatHwShadowStore {
- public:
-   bool has(NatHwKey const& key) const override { return entries_.contains(key); }
-   NatHwShadowEntry get(NatHwKey const& key) const override;
-   bool put(NatHwShadowEntry const& entry) override;
-   bool erase(NatHwKey const& key) override { return entries_.erase(key); }
-   std::size_t size() const override { return entries_.size(); }
-   void forEach(std::function<bool(NatHwShadowEntry const&)> const& visit) const override;
-
- private:
-   Vor::HashMap<NatHwKey, NatHwShadowEntry> entries_;
-};
-
-// The shadow of what has been asked of hardware, one entry per key.
+// The shadow of what has been asked of hardware, one entry per key, kept in
+// a shared-memory table so that it survives the agent.
+//
+// The entity starts on a private, process-local table, usable at once; the
+// collection's control (entryControl()->initIs(descriptor)) turns it into the
+// writer of a shared table under a root directory (by default /var/shmem,
+// files in <root>/<name>/entry), or a reader of one. A writer that attaches
+// to the files of an earlier life keeps their entries.
+//
+// Reactors on `entry` are told per key, after the table changed; a write
+// that changes nothing notifies nobody. A reader's shadow reports the
+// writer's changes through entryNotify(key).
+//
+// Counters: "entryIs" (each entryIs and entryCommit), "entryDel" (each
+// entryDel), "entryNotify" (each notification delivered).
+//
+// Errors: a corruption of the table found by any operation ends the process
+// after recording it (see Zaffa::ZaffaMap); writes to a reader raise
+// Jorro::AssertException ("write to read-only Zaffa table"); a full table
+// raises Zaffa::TableFullException with the table unchanged.
 class NatHwShadow : public Vor::Entity {
  public:
    static constexpr Vor::AttributeId entryId = 1;
+   using EntryWrapper = VorZaffa::VorZaffaMapValueWrapper<NatHwShadowEntry, NatHwKey, &NatHwShadowEntry::key>;
+   using EntryMap = VorZaffa::VorZaffaMap<NatHwShadow, EntryWrapper>;
 
-   // With no store, entries are kept in memory.
-   explicit NatHwShadow(Vor::String name, std::unique_ptr<NatHwShadowStore> store = nullptr);
+   explicit NatHwShadow(Vor::String name);
+   ~NatHwShadow() override;
 
-   bool entryHas(NatHwKey const& key) const { return store_->has(key); }
+   bool entryHas(NatHwKey const& key) const;
    // The default entry when there is none.
    NatHwShadowEntry entry(NatHwKey const& key) const;
-   std::size_t entrys() const { return store_->size(); }
+   std::size_t entrys() const { return entry_.map().members(); }
    // Stores the entry under its key; notifies when that changed anything.
    // REQUIRES: the key is not the default key (asserted "!!shadowEntry.key()").
    void entryIs(NatHwShadowEntry const& shadowEntry);
    void entryDel(NatHwKey const& key);
-   void entryForEach(std::function<bool(NatHwShadowEntry const&)> const& visit) const {
-      store_->forEach(visit);
-   }
+   void entryDelAll();
+   // Direct mode: fill the returned entry in place (its key is set), then
+   // publish it with entryCommit. Nothing else may change the shadow between
+   // the two calls.
+   NatHwShadowEntry* entryDirectWrite(NatHwKey const& key);
+   void entryCommit(NatHwShadowEntry const* shadowEntry);
+   // Visits the entries until `visit` returns false; the order is
+   // unspecified. The visitor must not change the shadow.
+   void entryForEach(std::function<bool(NatHwShadowEntry const&)> const& visit) const;
 
-   // Hands the entries to another store: what the old store holds is copied
-   // into `store` (without notification: the entries are the same), then
-   // the old store is dropped.
-   void storeIs(std::unique_ptr<NatHwShadowStore> store);
-   NatHwShadowStore const& store() const { return *store_; }
+   // The table's callbacks.
+   void entryNotify(NatHwKey const& key);
+   void entryNotifyMountStatus();
+   void entryNotifyQuiesced(bool quiesced);
+
+   // The collection's control; null once the entity has handed itself to it
+   // (see handleZeroRef).
+   Vor::Ptr<VorZaffa::CollectionControl> const& entryControl() const { return entry_.control(); }
+   EntryMap& entryMap() { return entry_; }
+   EntryMap const& entryMap() const { return entry_; }
+   Vor::U64 counter(std::string const& name) const;
+
+ protected:
+   // When the last outside reference goes while the control still exists,
+   // the entity hands itself to the control instead of dying: the mount code
+   // may still need the collection. It dies when the control lets it go.
+   void handleZeroRef() const override;
 
  private:
-   std::unique_ptr<NatHwShadowStore> store_;
+   class NatHwShadowZeroReferencesNotifiee;
+   void notifyEntry(NatHwKey const& key);
+
+   EntryMap entry_;
+   VorZaffa::NamedCounter entryIsCounter_{"entryIs"};
+   VorZaffa::NamedCounter entryDelCounter_{"entryDel"};
+   VorZaffa::NamedCounter entryNotifyCounter_{"entryNotify"};
+   std::unique_ptr<NatHwShadowZeroReferencesNotifiee> zeroReferencesNotifiee_;
 };
 
 // Factories; each returns its entity with notification active.
@@ -278,5 +293,8 @@ Vor::Ptr<NatAsyncHwStatus> natAsyncHwStatusFactory(NatHwKey const& key);
 Vor::Ptr<NatAsyncHwStatusDir> natAsyncHwStatusDirFactory();
 Vor::Ptr<NatFailedHwKeyStatus> natFailedHwKeyStatusFactory(Vor::String name);
 Vor::Ptr<NatHwShadow> natHwShadowFactory(Vor::String name);
+// A shadow initialised with `descriptor` (for example a shared writer under a
+// root directory); raises as Zaffa::ZaffaMap::init.
+Vor::Ptr<NatHwShadow> natHwShadowFactory(Vor::String name, Zaffa::MapDescriptor const& descriptor);
 
 } // namespace Ulo

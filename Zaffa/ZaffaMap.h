@@ -1,0 +1,713 @@
+#pragma once
+// The state of a collection backed by a shared-memory table.
+//
+// Zaffa::ZaffaMap<Key, Value> owns exactly one implementation behind
+// Zaffa::ZaffaInterface<Key, Value> and swaps it as the collection changes
+// state:
+//
+//   ZaffaDummy        before init, a reader waiting for its writer, or an
+//                     orphan: finds nothing, refuses writes
+//   ZaffaStrictDummy  an orphan whose descriptor has assertOnOrphanAccess:
+//                     every operation ends the process
+//   ZaffaWriterState  the writer of a table, shared (files under
+//                     <root>/<name>) or process-local (private memory)
+//
+// A fresh map is a ZaffaDummy. init(descriptor) makes it what the descriptor
+// says; createDefaultLocalWriter() gives it a private table without a
+// descriptor, which a later init() replaces (the private entries are not
+// carried over: a shared table may hold the entries of an earlier life, and
+// those win).
+//
+// Thread safety: one thread, the activity thread of the process. The shared
+// files are read without a lock by other processes; see ZaffaWriter.h.
+//
+// Invariants:
+//   1. impl() is never null.
+//   2. Once descriptor() is set it never changes (a second init with another
+//      descriptor fails and leaves the map as it was).
+//   3. After orphanIs() the implementation is a dummy, for good.
+//
+// Errors, and the state the caller is left in:
+//   - init: Jorro::InvalidInitializeException for a bad descriptor, a second
+//     init with a different descriptor, or a table that cannot be attached
+//     ("failed to initialize collection {}"); the map keeps its previous
+//     implementation. Re-initialising an orphan with assertOnOrphanAccess
+//     ends the process (assertion).
+//   - safeWrite, safeRemove, directWrite, directUpdate, directCommit, lookup,
+//     first, next: Jorro::CorruptionDetectedException from the table is
+//     caught, recorded by doCorruptionDetected() in the "corruption-detected"
+//     marker, and ends the process; the next writer to attach re-formats.
+//     Jorro::AssertException passes to the caller for misuse: a write or
+//     remove on a dummy ("write to read-only Zaffa table", "remove to
+//     read-only Zaffa table"), unbalanced direct mode, an operation on a
+//     detached table ("not attached"). Zaffa::TableFullException passes to
+//     the caller with the table unchanged.
+//   - Any operation on a ZaffaStrictDummy ends the process with
+//     "... . If you're seeing this, you're trying to operate on an orphan
+//     zaffa entity".
+
+#include "Zaffa/MapDescriptor.h"
+#include "Zaffa/ZaffaWriter.h"
+#include "framework/UloAssert.h"
+
+#include <fmt/format.h>
+
+#include <functional>
+#include <memory>
+#include <unistd.h>
+#include <optional>
+#include <string>
+
+namespace Zaffa {
+
+enum class ImplType : U32 { dummy = 0, strictDummy = 1, writer = 2, reader = 3, shadow = 4 };
+char const* implTypeName(ImplType type);
+
+// Ends the process: "<name>::<operation>(). If you're seeing this, you're
+// trying to operate on an orphan zaffa entity".
+[[noreturn]] void orphanAccessFailed(std::string const& name, char const* operation);
+// Writes the "corruption-detected" marker of `rootPath` (when it is not
+// empty) and ends the process with `message` as the assertion text.
+[[noreturn]] void corruptionDetected(std::string const& name, std::string const& rootPath,
+                                     std::string const& message);
+
+// The operations every state of a map answers.
+template <typename Key, typename Value>
+class ZaffaInterface {
+ public:
+   virtual ~ZaffaInterface() = default;
+
+   // Stores `value` under its key; see ZaffaWriter::write. Null never.
+   virtual Value const* write(Value const& value, bool overwrite) = 0;
+   // Removes `key`, copying its value into `old`; false when absent.
+   virtual bool remove(Key const& key, Value& old) = 0;
+   // Copies the value of `key` into `value`; false when absent.
+   virtual bool lookup(Key const& key, Value& value) const = 0;
+   // The stored value in place, or null; only a writer has one.
+   virtual Value const* directLookup(Key const& key) const = 0;
+   virtual Value* directWrite(Key const& key) = 0;
+   virtual Value* directUpdate(Key const& key) = 0;
+   virtual Value const* directCommit() = 0;
+   // Walk: first, then next of the last key seen; false at the end.
+   virtual bool first(Value& value) const = 0;
+   virtual bool next(Key const& key, Value& value) const = 0;
+
+   virtual U32 members() const = 0;
+   virtual U32 minSize() const = 0;
+   virtual U32 maxSize() const = 0;
+   virtual U32 capacity() const = 0;
+   virtual ImplType type() const = 0;
+   virtual MountStatus mountStatus() const = 0;
+   // The number of changes published to readers.
+   virtual U64 sequence() const = 0;
+   virtual SharedMem::FenixId fenixId() const = 0;
+   virtual bool validate() = 0;
+   virtual void validateFiles() = 0;
+   virtual void cleanup() = 0;
+   virtual void detach(bool doCleanup) = 0;
+   virtual std::string rootPath() const = 0;
+   virtual WriterCounters writerCounters() const = 0;
+   virtual bool quiesced() const = 0;
+   virtual bool connected() const = 0;
+   virtual void notifyingIs(bool on) = 0;
+   virtual void yieldTimeIs(double seconds) = 0;
+};
+
+// Finds nothing and refuses writes. Every call traces
+// "{} rootPath:{} event:{}{}": the operation, the root, the event that put
+// the dummy in place, and a detail.
+template <typename Key, typename Value>
+class ZaffaDummy : public ZaffaInterface<Key, Value> {
+ public:
+   ZaffaDummy(std::string name, std::string rootPath, std::string event, MountStatus status)
+       : name_(std::move(name)), root_(std::move(rootPath)), event_(std::move(event)), status_(status) {}
+
+   Value const* write(Value const& value, bool) override {
+      trace("write", describe(value));
+      throw Jorro::AssertException("write to read-only Zaffa table");
+   }
+   bool remove(Key const& key, Value&) override {
+      trace("remove", describe(key));
+      throw Jorro::AssertException("remove to read-only Zaffa table");
+   }
+   bool lookup(Key const& key, Value&) const override {
+      trace("lookup", describe(key));
+      return false;
+   }
+   Value const* directLookup(Key const& key) const override {
+      trace("directLookup", describe(key));
+      return nullptr;
+   }
+   Value* directWrite(Key const& key) override {
+      trace("directWrite", describe(key));
+      throw Jorro::AssertException("write to read-only Zaffa table");
+   }
+   Value* directUpdate(Key const& key) override {
+      trace("directUpdate", describe(key));
+      throw Jorro::AssertException("write to read-only Zaffa table");
+   }
+   Value const* directCommit() override {
+      trace("directCommit", "");
+      throw Jorro::AssertException("write to read-only Zaffa table");
+   }
+   bool first(Value&) const override {
+      trace("first", "");
+      return false;
+   }
+   bool next(Key const& key, Value&) const override {
+      trace("next", describe(key));
+      return false;
+   }
+   U32 members() const override { return traced("members"); }
+   U32 minSize() const override { return traced("minSize"); }
+   U32 maxSize() const override { return traced("maxSize"); }
+   U32 capacity() const override { return traced("capacity"); }
+   ImplType type() const override { return ImplType::dummy; }
+   MountStatus mountStatus() const override { return status_; }
+   U64 sequence() const override { return traced("sequence"); }
+   SharedMem::FenixId fenixId() const override { return SharedMem::FenixId{}; }
+   bool validate() override {
+      trace("validate", "");
+      return true;
+   }
+   void validateFiles() override { trace("validateFiles", ""); }
+   void cleanup() override { trace("cleanup", ""); }
+   void detach(bool) override { trace("detach", ""); }
+   std::string rootPath() const override { return root_; }
+   WriterCounters writerCounters() const override { return WriterCounters{}; }
+   bool quiesced() const override { return true; }
+   bool connected() const override { return false; }
+   void notifyingIs(bool) override {}
+   void yieldTimeIs(double) override {}
+
+ private:
+   void trace(char const* operation, std::string const& detail) const {
+      ZAFFA_LOG(9, "{} rootPath:{} event:{}{}", fmt::format("ZaffaDummy::{} {}", operation, name_), root_,
+                event_, detail.empty() ? std::string() : " " + detail);
+   }
+   U32 traced(char const* operation) const {
+      trace(operation, "");
+      return 0;
+   }
+
+   std::string name_;
+   std::string root_;
+   std::string event_;
+   MountStatus status_;
+};
+
+// Stands for an orphan that must not be touched: every operation ends the
+// process, naming the collection and the operation.
+template <typename Key, typename Value>
+class ZaffaStrictDummy : public ZaffaInterface<Key, Value> {
+   [[noreturn]] void fail(char const* operation) const { orphanAccessFailed(name_, operation); }
+
+ public:
+   explicit ZaffaStrictDummy(std::string name) : name_(std::move(name)) {}
+
+   Value const* write(Value const&, bool) override {
+      fail("write");
+      return {};   // not reached; the call is dependent, so the compiler cannot tell
+   }
+   bool remove(Key const&, Value&) override {
+      fail("remove");
+      return {};   // not reached; the call is dependent, so the compiler cannot tell
+   }
+   bool lookup(Key const&, Value&) const override {
+      fail("lookup");
+      return {};   // not reached; the call is dependent, so the compiler cannot tell
+   }
+   Value const* directLookup(Key const&) const override {
+      fail("directLookup");
+      return {};   // not reached; the call is dependent, so the compiler cannot tell
+   }
+   Value* directWrite(Key const&) override {
+      fail("directWrite");
+      return {};   // not reached; the call is dependent, so the compiler cannot tell
+   }
+   Value* directUpdate(Key const&) override {
+      fail("directUpdate");
+      return {};   // not reached; the call is dependent, so the compiler cannot tell
+   }
+   Value const* directCommit() override {
+      fail("directCommit");
+      return {};   // not reached; the call is dependent, so the compiler cannot tell
+   }
+   bool first(Value&) const override {
+      fail("first");
+      return {};   // not reached; the call is dependent, so the compiler cannot tell
+   }
+   bool next(Key const&, Value&) const override {
+      fail("next");
+      return {};   // not reached; the call is dependent, so the compiler cannot tell
+   }
+   U32 members() const override {
+      fail("members");
+      return {};   // not reached; the call is dependent, so the compiler cannot tell
+   }
+   U32 minSize() const override {
+      fail("minSize");
+      return {};   // not reached; the call is dependent, so the compiler cannot tell
+   }
+   U32 maxSize() const override {
+      fail("maxSize");
+      return {};   // not reached; the call is dependent, so the compiler cannot tell
+   }
+   U32 capacity() const override {
+      fail("capacity");
+      return {};   // not reached; the call is dependent, so the compiler cannot tell
+   }
+   ImplType type() const override { return ImplType::strictDummy; }
+   MountStatus mountStatus() const override { return MountStatus::orphan; }
+   U64 sequence() const override {
+      fail("sequence");
+      return {};   // not reached; the call is dependent, so the compiler cannot tell
+   }
+   SharedMem::FenixId fenixId() const override {
+      fail("fenixId");
+      return {};   // not reached; the call is dependent, so the compiler cannot tell
+   }
+   bool validate() override {
+      fail("validate");
+      return {};   // not reached; the call is dependent, so the compiler cannot tell
+   }
+   void validateFiles() override { fail("validateFiles"); }
+   void cleanup() override { fail("cleanup"); }
+   // Detaching an orphan is what its owner does on the way out; it has
+   // nothing to detach and is no access.
+   void detach(bool) override {}
+   std::string rootPath() const override { return std::string(); }
+   WriterCounters writerCounters() const override {
+      fail("writerCounters");
+      return {};   // not reached; the call is dependent, so the compiler cannot tell
+   }
+   bool quiesced() const override {
+      fail("quiesced");
+      return {};   // not reached; the call is dependent, so the compiler cannot tell
+   }
+   bool connected() const override {
+      fail("connected");
+      return {};   // not reached; the call is dependent, so the compiler cannot tell
+   }
+   void notifyingIs(bool) override {}
+   void yieldTimeIs(double) override {}
+
+ private:
+   std::string name_;
+};
+
+// The writer of a table, shared or local, as a state of the map.
+template <typename Key, typename Value>
+class ZaffaWriterState : public ZaffaInterface<Key, Value> {
+ public:
+   explicit ZaffaWriterState(WriterConfig config) : config_(config), writer_(std::move(config)) {}
+
+   ZaffaWriter<Key, Value>& writer() { return writer_; }
+   void attach() { writer_.attach(); }
+
+   Value const* write(Value const& value, bool overwrite) override {
+      checkAttached();
+      return writer_.write(value, overwrite);
+   }
+   bool remove(Key const& key, Value& old) override {
+      checkAttached();
+      return writer_.remove(key, old);
+   }
+   bool lookup(Key const& key, Value& value) const override {
+      checkAttached();
+      Value const* v = writer_.lookup(key);
+      if (!v) return false;
+      value = *v;
+      return true;
+   }
+   Value const* directLookup(Key const& key) const override {
+      checkAttached();
+      return writer_.lookup(key);
+   }
+   Value* directWrite(Key const& key) override {
+      checkAttached();
+      return writer_.directWrite(key);
+   }
+   Value* directUpdate(Key const& key) override {
+      checkAttached();
+      return writer_.directUpdate(key);
+   }
+   Value const* directCommit() override {
+      checkAttached();
+      return writer_.directCommit();
+   }
+   bool first(Value& value) const override {
+      checkAttached();
+      Value const* v = writer_.first();
+      if (!v) return false;
+      value = *v;
+      return true;
+   }
+   bool next(Key const& key, Value& value) const override {
+      checkAttached();
+      Value const* v = writer_.next(key);
+      if (!v) return false;
+      value = *v;
+      return true;
+   }
+   U32 members() const override { return writer_.attached() ? writer_.members() : 0; }
+   U32 minSize() const override { return config().fixed ? config().maxSlots : config().minSlots; }
+   U32 maxSize() const override { return config().maxSlots; }
+   U32 capacity() const override { return writer_.attached() ? writer_.capacity() : 0; }
+   ImplType type() const override { return ImplType::writer; }
+   MountStatus mountStatus() const override {
+      return writer_.attached() ? MountStatus::mounted : MountStatus::unmounted;
+   }
+   U64 sequence() const override {
+      WriterCounters const& c = writer_.counters();
+      return c.inserts + c.overwrites + c.removes;
+   }
+   SharedMem::FenixId fenixId() const override { return writer_.fenixId(); }
+   bool validate() override {
+      checkAttached();
+      return writer_.validate();
+   }
+   void validateFiles() override {
+      checkAttached();
+      writer_.validateFiles();
+   }
+   void cleanup() override { writer_.cleanup(); }
+   void detach(bool doCleanup) override { writer_.detach(doCleanup); }
+   std::string rootPath() const override { return writer_.rootPath().dir(); }
+   WriterCounters writerCounters() const override { return writer_.counters(); }
+   bool quiesced() const override {
+      return !writer_.attached() || const_cast<ZaffaWriter<Key, Value>&>(writer_).trevine().quiesced();
+   }
+   bool connected() const override { return writer_.attached(); }
+   void notifyingIs(bool) override {}
+   void yieldTimeIs(double) override {}
+
+ private:
+   WriterConfig const& config() const { return config_; }
+   void checkAttached() const {
+      if (!writer_.attached()) throw Jorro::AssertException("not attached");
+   }
+
+   WriterConfig const config_;
+   ZaffaWriter<Key, Value> writer_;
+};
+
+template <typename Key, typename Value>
+class ZaffaMap {
+ public:
+   using Interface = ZaffaInterface<Key, Value>;
+
+   // The owner's hooks: a key changed (in the table, by this process or, for
+   // a reader, by the writer), the table's mount status changed, the
+   // table's readers quiesced.
+   struct Callbacks {
+      std::function<void(Key const&)> key;
+      std::function<void()> mountStatus;
+      std::function<void(bool)> quiesced;
+   };
+
+   // "ZaffaTemp" is the name of a collection that has no home yet.
+   explicit ZaffaMap(std::string name = "ZaffaTemp") : name_(std::move(name)) { installDummy("created"); }
+   ~ZaffaMap() { impl_->detach(false); }
+   ZaffaMap(ZaffaMap const&) = delete;
+   ZaffaMap& operator=(ZaffaMap const&) = delete;
+
+   std::string const& name() const { return name_; }
+   // Renames the collection; the files of a table already attached stay
+   // where they are.
+   void nameIs(std::string name) { name_ = std::move(name); }
+   void callbacksIs(Callbacks callbacks) { callbacks_ = std::move(callbacks); }
+   std::optional<MapDescriptor> const& descriptor() const { return descriptor_; }
+   Interface& impl() const { return *impl_; }
+   ImplType type() const { return impl_->type(); }
+   bool orphan() const { return orphan_; }
+   // The directory of the table's files for this descriptor; empty for a
+   // process-local table.
+   std::string rootPathFor(MapDescriptor const& d) const {
+      return d.mode == MapDescriptor::local ? std::string() : d.root + "/" + name_;
+   }
+
+   // ---- life cycle ----
+
+   // Sets the collection up as `descriptor` says. A second call with an
+   // equal descriptor does nothing; see the header for the failures.
+   void init(MapDescriptor const& descriptor);
+   // For a reader whose writer's files appeared: builds the reader and
+   // attaches it. Raises Jorro::AssertException ("invoked for a writer") on a
+   // writer; on failure ("initialize failed for {}") the dummy stays for the
+   // next attempt and false is returned.
+   bool attach(std::string const& event);
+   // A reader's attempt to attach now, if its descriptor asks for one.
+   bool tryAttach();
+   // A private table with default sizes, until init() replaces it.
+   void createDefaultLocalWriter(bool debug);
+   // Puts the dummy of the map's situation in place: ZaffaStrictDummy for an
+   // orphan with assertOnOrphanAccess, otherwise ZaffaDummy.
+   void installDummy(std::string const& event = "installDummy");
+   // The parent entity is gone: detach and stand as an orphan for good.
+   void orphanIs();
+
+   bool validate() { return impl_->validate(); }
+   void validateFiles() { impl_->validateFiles(); }
+   // Removes the files of a writer's table; nothing for a dummy or reader.
+   void cleanup();
+   void cleanupAndDetach();
+   void detach(bool doCleanup);
+   // Detach on behalf of the collection's control: the table goes back to a
+   // dummy that can be initialised again.
+   void controlDetach();
+   MountStatus mountStatus() const { return orphan_ ? MountStatus::orphan : impl_->mountStatus(); }
+   void notifyingIs(bool on) {
+      notifying_ = on;
+      impl_->notifyingIs(on);
+   }
+   bool notifying() const { return notifying_; }
+
+   // ---- operations ----
+
+   Value const* safeWrite(Value const& value, bool overwrite = true) {
+      try {
+         return impl_->write(value, overwrite);
+      } catch (Jorro::CorruptionDetectedException const& e) {
+         doCorruptionDetected(e.what());
+      }
+   }
+   bool safeRemove(Key const& key, Value& old) {
+      try {
+         return impl_->remove(key, old);
+      } catch (Jorro::CorruptionDetectedException const& e) {
+         doCorruptionDetected(e.what());
+      }
+   }
+   Value* directWrite(Key const& key) {
+      try {
+         return impl_->directWrite(key);
+      } catch (Jorro::CorruptionDetectedException const& e) {
+         doCorruptionDetected(e.what());
+      }
+   }
+   Value* directUpdate(Key const& key) {
+      try {
+         return impl_->directUpdate(key);
+      } catch (Jorro::CorruptionDetectedException const& e) {
+         doCorruptionDetected(e.what());
+      }
+   }
+   Value const* directCommit() {
+      try {
+         return impl_->directCommit();
+      } catch (Jorro::CorruptionDetectedException const& e) {
+         doCorruptionDetected(e.what());
+      }
+   }
+   bool lookup(Key const& key, Value& value) const {
+      try {
+         return impl_->lookup(key, value);
+      } catch (Jorro::CorruptionDetectedException const& e) {
+         doCorruptionDetected(e.what());
+      }
+   }
+   bool first(Value& value) const {
+      try {
+         return impl_->first(value);
+      } catch (Jorro::CorruptionDetectedException const& e) {
+         doCorruptionDetected(e.what());
+      }
+   }
+   bool next(Key const& key, Value& value) const {
+      try {
+         return impl_->next(key, value);
+      } catch (Jorro::CorruptionDetectedException const& e) {
+         doCorruptionDetected(e.what());
+      }
+   }
+   U32 members() const { return impl_->members(); }
+
+   // Records `message` in the table's "corruption-detected" marker (a shared
+   // table only) and ends the process with it as the assertion text. The
+   // next writer to attach finds the marker and re-formats the table.
+   [[noreturn]] void doCorruptionDetected(std::string const& message) const {
+      corruptionDetected(name_, impl_->rootPath(), message);
+   }
+
+ private:
+   void swapIn(std::unique_ptr<Interface> impl) {
+      if (impl_) impl_->detach(false);
+      impl_ = std::move(impl);
+      impl_->notifyingIs(notifying_);
+      if (callbacks_.mountStatus) callbacks_.mountStatus();
+   }
+   WriterConfig writerConfig(MapDescriptor const& d) const;
+   std::unique_ptr<Interface> buildWriter(MapDescriptor const& d);
+
+   std::string name_;
+   std::unique_ptr<Interface> impl_;
+   std::optional<MapDescriptor> descriptor_;
+   Callbacks callbacks_;
+   bool orphan_ = false;
+   bool notifying_ = true;
+};
+
+// ---------------------------------------------------------------------------
+// Implementation
+
+template <typename Key, typename Value>
+WriterConfig ZaffaMap<Key, Value>::writerConfig(MapDescriptor const& d) const {
+   WriterConfig c;
+   c.rootPath = rootPathFor(d);
+   c.minSlots = d.fixed ? d.maxSlots : d.minSlots;
+   c.maxSlots = d.maxSlots;
+   c.fixed = d.fixed;
+   c.shrink = d.shrink;
+   c.strictValidation = d.strictValidation;
+   c.className = "Zaffa::ZaffaMap";
+   return c;
+}
+
+template <typename Key, typename Value>
+std::unique_ptr<ZaffaInterface<Key, Value>> ZaffaMap<Key, Value>::buildWriter(MapDescriptor const& d) {
+   WriterConfig const c = writerConfig(d);
+   Mem::RootPath const root(c.rootPath);
+   std::string const marker = Util::readCorruptionMarker(root);
+   if (!marker.empty()) {
+      // The last life of this table ended on a corruption found at run time.
+      // The validator may not see what the operation saw (a torn chain that
+      // was later relinked), so the table is not trusted: removing the slot
+      // file makes the files disagree, which re-formats them under the
+      // writer lock with a raised generation. A live writer still holds the
+      // lock, and then nothing is touched.
+      Mem::WriterLock lock(root.file(FileNames::writerLock));
+      lock.acquireWriterLock();
+      ZAFFA_LOG(1, "{} corruption-detected marker found: {}; re-formatting", c.rootPath, marker);
+      ::unlink(root.file(FileNames::slots).c_str());
+   }
+   auto state = std::make_unique<ZaffaWriterState<Key, Value>>(c);
+   state->attach();
+   return state;
+}
+
+template <typename Key, typename Value>
+void ZaffaMap<Key, Value>::init(MapDescriptor const& d) {
+   if (orphan_ && d.assertOnOrphanAccess) {
+      ::Ulo::assertFailed(
+         "Re-initializing a collection that has already become an orphan and has assertOnOrphanAccess set",
+         __FILE__, __LINE__, __PRETTY_FUNCTION__);
+   }
+   if (descriptor_) {
+      if (*descriptor_ == d) {
+         ZAFFA_LOG(5, "name:{} already initialized, new {}", name_, d.toString());
+         return;
+      }
+      Jorro::throwInvalidInitialize("name:{} already initialized, old {}, new {}", name_, descriptor_->toString(),
+                                    d.toString());
+   }
+   if (d.mode != MapDescriptor::local && d.mode != MapDescriptor::writer && d.mode != MapDescriptor::reader &&
+       d.mode != MapDescriptor::shadow) {
+      Jorro::throwInvalidInitialize("not a valid reader type:{}", static_cast<U32>(d.mode));
+   }
+   bool const writerMode = d.mode == MapDescriptor::local || d.mode == MapDescriptor::writer;
+   if (writerMode && d.maxSlots == 0) {
+      Jorro::throwInvalidInitialize("0 is not a valid initialization size for collection {} in writer mode", name_);
+   }
+   if (d.heapAllocation && d.mode != MapDescriptor::local) {
+      Jorro::throwInvalidInitialize("cannot initialize collection {} heap allocation in non-local mode not allowed",
+                                    name_);
+   }
+   if (d.asynchronous && !notifying_) {
+      Jorro::throwInvalidInitialize("notifications unexpectedly disabled prior to initialization with asynchronous mode");
+   }
+   if (writerMode) {
+      std::unique_ptr<Interface> writer;
+      try {
+         writer = buildWriter(d);
+      } catch (std::exception const& e) {
+         ZAFFA_LOG(1, "failed to initialize collection {}: {}", name_, e.what());
+         Jorro::throwInvalidInitialize("failed to initialize collection {}", name_);
+      }
+      descriptor_ = d;
+      swapIn(std::move(writer));
+      return;
+   }
+   // A reader waits for its writer behind a dummy; attach() replaces it.
+   descriptor_ = d;
+   swapIn(std::make_unique<ZaffaDummy<Key, Value>>(name_, rootPathFor(d), "waiting for writer",
+                                                  MountStatus::waiting));
+   tryAttach();
+}
+
+template <typename Key, typename Value>
+bool ZaffaMap<Key, Value>::attach(std::string const& event) {
+   if (!descriptor_ || impl_->type() == ImplType::writer ||
+       descriptor_->mode == MapDescriptor::writer || descriptor_->mode == MapDescriptor::local) {
+      throw Jorro::AssertException("invoked for a writer");
+   }
+   char const* as = descriptor_->mode == MapDescriptor::shadow ? "ZaffaShadow" : "ZaffaReader";
+   ZAFFA_LOG(3, "attempting to attach {} as {}", name_, as);
+   // This build has no reader implementation yet: the dummy stays, and the
+   // next attempt will try again.
+   ZAFFA_LOG(1, "initialize failed for {} (event:{})", name_, event);
+   return false;
+}
+
+template <typename Key, typename Value>
+bool ZaffaMap<Key, Value>::tryAttach() {
+   if (!descriptor_ || orphan_) return false;
+   if (descriptor_->mode != MapDescriptor::reader && descriptor_->mode != MapDescriptor::shadow) return false;
+   if (impl_->type() != ImplType::dummy) return true;
+   Mem::RootPath const root(rootPathFor(*descriptor_));
+   if (::access(root.file(FileNames::fenix).c_str(), F_OK) != 0) return false;
+   return attach("tryAttach");
+}
+
+template <typename Key, typename Value>
+void ZaffaMap<Key, Value>::createDefaultLocalWriter(bool debug) {
+   ZAFFA_LOG(debug ? 1 : 5, "{} creating local ZaffaWriter", name_);
+   MapDescriptor d = MapDescriptor::localWriter();
+   swapIn(buildWriter(d));
+}
+
+template <typename Key, typename Value>
+void ZaffaMap<Key, Value>::installDummy(std::string const& event) {
+   std::string const root = descriptor_ ? rootPathFor(*descriptor_) : std::string();
+   if (orphan_ && descriptor_ && descriptor_->assertOnOrphanAccess) {
+      swapIn(std::make_unique<ZaffaStrictDummy<Key, Value>>(name_));
+   } else {
+      swapIn(std::make_unique<ZaffaDummy<Key, Value>>(name_, root, event,
+                                                     orphan_ ? MountStatus::orphan : MountStatus::unmounted));
+   }
+}
+
+template <typename Key, typename Value>
+void ZaffaMap<Key, Value>::orphanIs() {
+   orphan_ = true;
+   installDummy("orphan");
+}
+
+template <typename Key, typename Value>
+void ZaffaMap<Key, Value>::cleanup() {
+   if (!descriptor_ && impl_->type() == ImplType::dummy) {
+      ZAFFA_LOG(3, "{} trying to cleanup uninitialized zaffa.", name_);
+      return;
+   }
+   impl_->cleanup();
+}
+
+template <typename Key, typename Value>
+void ZaffaMap<Key, Value>::cleanupAndDetach() {
+   cleanup();
+   detach(false);
+}
+
+template <typename Key, typename Value>
+void ZaffaMap<Key, Value>::detach(bool doCleanup) {
+   impl_->detach(doCleanup);
+}
+
+template <typename Key, typename Value>
+void ZaffaMap<Key, Value>::controlDetach() {
+   impl_->detach(false);
+   descriptor_.reset();
+   installDummy("controlDetach");
+}
+
+} // namespace Zaffa

@@ -1,0 +1,205 @@
+// The states of a map: dummy before init, writer after, a reader waiting for
+// its writer, orphans, and the recording of a corruption found at run time.
+
+#include "Zaffa/ZaffaMap.h"
+#include "tests/Zaffa/ZaffaTestTypes.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+using namespace ZaffaTest;
+
+namespace {
+
+using Map = Zaffa::ZaffaMap<TestKey, TestValue>;
+using Zaffa::MapDescriptor;
+
+MapDescriptor writerIn(TempDir const& dir) { return MapDescriptor::sharedWriter(dir.path(), 16, 64); }
+
+template <typename F>
+std::string thrownText(F&& f) {
+   try {
+      f();
+   } catch (std::exception const& e) {
+      return e.what();
+   }
+   return "(nothing thrown)";
+}
+
+} // namespace
+
+TEST(ZaffaMap, DummyBeforeInitFindsNothingRefusesWritesAndTraces) {
+   TraceCapture trace;
+   Map map("shadow/entry");
+   EXPECT_EQ(map.type(), Zaffa::ImplType::dummy);
+   EXPECT_EQ(map.mountStatus(), Zaffa::MountStatus::unmounted);
+   EXPECT_EQ(map.members(), 0u);
+   TestValue v;
+   EXPECT_FALSE(map.lookup(TestKey::of(1), v));
+   EXPECT_FALSE(map.first(v));
+   EXPECT_TRUE(trace.contains("ZaffaDummy::lookup shadow/entry rootPath: event:created TestKey(1)"))
+      << trace.all();
+   EXPECT_EQ(thrownText([&] { map.safeWrite(TestValue::of(1, 1)); }), "write to read-only Zaffa table");
+   EXPECT_EQ(thrownText([&] { map.safeRemove(TestKey::of(1), v); }), "remove to read-only Zaffa table");
+   EXPECT_EQ(thrownText([&] { map.directWrite(TestKey::of(1)); }), "write to read-only Zaffa table");
+   trace.clear();
+   map.cleanup();
+   EXPECT_TRUE(trace.contains("shadow/entry trying to cleanup uninitialized zaffa.")) << trace.all();
+}
+
+TEST(ZaffaMap, SecondInitWithAnEqualDescriptorIsANoOpAndWithADifferentOneFails) {
+   TempDir dir;
+   TraceCapture trace;
+   Map map("hw");
+   map.init(writerIn(dir));
+   ASSERT_EQ(map.type(), Zaffa::ImplType::writer);
+   EXPECT_EQ(map.impl().rootPath(), dir.path() + "/hw");
+   for (U64 i = 0; i < 20; ++i) map.safeWrite(TestValue::of(i, i));
+
+   map.init(writerIn(dir));
+   EXPECT_TRUE(trace.contains("name:hw already initialized, new mode:writer root:" + dir.path())) << trace.all();
+   EXPECT_EQ(map.members(), 20u);
+
+   MapDescriptor bigger = writerIn(dir);
+   bigger.maxSlots = 128;
+   std::string const text = thrownText([&] { map.init(bigger); });
+   EXPECT_EQ(text.rfind("name:hw already initialized, old mode:writer", 0), 0u) << text;
+   EXPECT_NE(text.find("maxSlots:64"), std::string::npos) << text;
+   EXPECT_NE(text.find("new mode:writer root:" + dir.path() + " minSlots:16 maxSlots:128"), std::string::npos) << text;
+   // The refused descriptor changed nothing.
+   EXPECT_EQ(*map.descriptor(), writerIn(dir));
+   TestValue v;
+   ASSERT_TRUE(map.lookup(TestKey::of(7), v));
+   EXPECT_EQ(v.stamp, 7u);
+}
+
+TEST(ZaffaMap, BadDescriptorsAreRefusedAndLeaveTheMapInitialisable) {
+   TempDir dir;
+   Map map("hw");
+   MapDescriptor zero = writerIn(dir);
+   zero.maxSlots = 0;
+   EXPECT_EQ(thrownText([&] { map.init(zero); }),
+             "0 is not a valid initialization size for collection hw in writer mode");
+   MapDescriptor heap = writerIn(dir);
+   heap.heapAllocation = true;
+   EXPECT_EQ(thrownText([&] { map.init(heap); }),
+             "cannot initialize collection hw heap allocation in non-local mode not allowed");
+   MapDescriptor bogus = writerIn(dir);
+   bogus.mode = static_cast<MapDescriptor::Mode>(9);
+   EXPECT_EQ(thrownText([&] { map.init(bogus); }), "not a valid reader type:9");
+   MapDescriptor async = MapDescriptor::sharedReader(dir.path(), true);
+   async.asynchronous = true;
+   map.notifyingIs(false);
+   EXPECT_EQ(thrownText([&] { map.init(async); }),
+             "notifications unexpectedly disabled prior to initialization with asynchronous mode");
+   map.notifyingIs(true);
+   // A root that cannot be made fails the attach, not the process.
+   EXPECT_EQ(thrownText([&] { map.init(MapDescriptor::sharedWriter("/proc/no-such/root")); }),
+             "failed to initialize collection hw");
+   EXPECT_FALSE(map.descriptor().has_value());
+   EXPECT_EQ(map.type(), Zaffa::ImplType::dummy);
+
+   map.init(writerIn(dir));
+   EXPECT_EQ(map.type(), Zaffa::ImplType::writer);
+   // A heap table is allowed where it makes sense.
+   Map local("local");
+   MapDescriptor localHeap = MapDescriptor::localWriter(16, 64);
+   localHeap.heapAllocation = true;
+   local.init(localHeap);
+   local.safeWrite(TestValue::of(3, 4));
+   EXPECT_EQ(local.members(), 1u);
+   EXPECT_EQ(local.impl().rootPath(), "");
+}
+
+TEST(ZaffaMap, AReaderWaitsBehindADummyThatRefusesWrites) {
+   TempDir dir;
+   Map reader("hw");
+   reader.init(MapDescriptor::sharedReader(dir.path()));
+   EXPECT_EQ(reader.type(), Zaffa::ImplType::dummy);
+   EXPECT_EQ(reader.mountStatus(), Zaffa::MountStatus::waiting);
+   EXPECT_EQ(reader.members(), 0u);
+   EXPECT_EQ(thrownText([&] { reader.safeWrite(TestValue::of(1, 1)); }), "write to read-only Zaffa table");
+   TestValue old;
+   EXPECT_EQ(thrownText([&] { reader.safeRemove(TestKey::of(1), old); }), "remove to read-only Zaffa table");
+   // The writer's files are not there: the dummy stays for the next try.
+   EXPECT_FALSE(reader.tryAttach());
+   EXPECT_EQ(reader.type(), Zaffa::ImplType::dummy);
+   Map writer("hw");
+   writer.init(writerIn(dir));
+   EXPECT_EQ(thrownText([&] { writer.attach("test"); }), "invoked for a writer");
+}
+
+TEST(ZaffaMap, AnOrphanFindsNothingAndADetachedWriterRefuses) {
+   TempDir dir;
+   Map map("hw");
+   map.init(writerIn(dir));
+   map.safeWrite(TestValue::of(1, 1));
+   map.orphanIs();
+   EXPECT_EQ(map.type(), Zaffa::ImplType::dummy);
+   EXPECT_EQ(map.mountStatus(), Zaffa::MountStatus::orphan);
+   TestValue v;
+   EXPECT_FALSE(map.lookup(TestKey::of(1), v));
+
+   Map detached("hw2");
+   detached.init(writerIn(dir));
+   detached.detach(false);
+   EXPECT_EQ(thrownText([&] { detached.safeWrite(TestValue::of(1, 1)); }), "not attached");
+   // controlDetach goes back to a dummy that takes a new descriptor.
+   detached.controlDetach();
+   EXPECT_EQ(detached.type(), Zaffa::ImplType::dummy);
+   detached.init(writerIn(dir));
+   EXPECT_EQ(detached.members(), 0u);
+}
+
+TEST(ZaffaMapDeathTest, StrictOrphanAccessEndsTheProcess) {
+   TempDir dir;
+   MapDescriptor strict = writerIn(dir);
+   strict.assertOnOrphanAccess = true;
+   Map map("hw");
+   map.init(strict);
+   map.orphanIs();
+   EXPECT_EQ(map.type(), Zaffa::ImplType::strictDummy);
+   EXPECT_DEATH(map.members(),
+                "hw::members\\(\\)\\. If you're seeing this, you're trying to operate on an orphan zaffa entity");
+   TestValue v;
+   EXPECT_DEATH(map.lookup(TestKey::of(1), v), "hw::lookup\\(\\)\\. If you're seeing this");
+   EXPECT_DEATH(map.init(strict),
+                "Re-initializing a collection that has already become an orphan and has assertOnOrphanAccess set");
+}
+
+TEST(ZaffaMapDeathTest, CorruptionIsRecordedAndTheNextAttachReformats) {
+   TempDir dir;
+   std::string const root = dir.path() + "/hw";
+   SharedMem::FenixId before;
+   {
+      Map map("hw");
+      map.init(writerIn(dir));
+      for (U64 i = 0; i < 10; ++i) map.safeWrite(TestValue::of(i, i));
+      before = map.impl().fenixId();
+      // Slot 0 holds the first key; clearing its OCCUPIED bit while it is
+      // linked is what a stray store would leave.
+      int fd = ::open((root + "/" + Zaffa::FileNames::slots).c_str(), O_RDWR);
+      ASSERT_GE(fd, 0);
+      U32 seq = 0;
+      // Header, then the lookaside slot, then slot 0, whose sequence is at 8.
+      off_t const at = 944 + 8;
+      ASSERT_EQ(::pread(fd, &seq, 4, at), 4);
+      ASSERT_TRUE(seq & 1u);
+      seq &= ~1u;
+      ASSERT_EQ(::pwrite(fd, &seq, 4, at), 4);
+      ::close(fd);
+      EXPECT_DEATH(map.safeWrite(TestValue::of(0, 99)), "slot: 0 not marked as occupied");
+      EXPECT_EQ(Zaffa::Util::readCorruptionMarker(Mem::RootPath(root)), "slot: 0 not marked as occupied");
+   }
+   TraceCapture trace;
+   Map again("hw");
+   again.init(writerIn(dir));
+   EXPECT_TRUE(trace.contains("corruption-detected marker found: slot: 0 not marked as occupied")) << trace.all();
+   EXPECT_TRUE(trace.contains("all entries from " + root + " will be lost")) << trace.all();
+   EXPECT_EQ(again.members(), 0u);
+   EXPECT_EQ(again.impl().fenixId().generation(), before.generation() + 1);
+   EXPECT_EQ(Zaffa::Util::readCorruptionMarker(Mem::RootPath(root)), "");
+   EXPECT_TRUE(again.validate());
+}
