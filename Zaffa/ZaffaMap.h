@@ -11,6 +11,9 @@
 //                     every operation ends the process
 //   ZaffaWriterState  the writer of a table, shared (files under
 //                     <root>/<name>) or process-local (private memory)
+//   ZaffaReaderState  a reader straight on another process's files
+//   ZaffaShadowState  a reader with a private copy that reports each
+//                     changed key; poll() takes the writer's notifications
 //
 // A fresh map is a ZaffaDummy. init(descriptor) makes it what the descriptor
 // says; createDefaultLocalWriter() gives it a private table without a
@@ -47,6 +50,8 @@
 //     zaffa entity".
 
 #include "Zaffa/MapDescriptor.h"
+#include "Zaffa/ZaffaReader.h"
+#include "Zaffa/ZaffaShadow.h"
 #include "Zaffa/ZaffaWriter.h"
 #include "framework/UloAssert.h"
 
@@ -392,6 +397,125 @@ class ZaffaWriterState : public ZaffaInterface<Key, Value> {
    ZaffaWriter<Key, Value> writer_;
 };
 
+
+// Walks of the reader states keep their place between first() and next().
+// A reader straight on the shared files, as a state of the map. Writes are
+// refused; a lookup never blocks the writer.
+template <typename Key, typename Value>
+class ZaffaReaderState : public ZaffaInterface<Key, Value> {
+ public:
+   explicit ZaffaReaderState(std::string const& rootPath, std::string const& name)
+       : reader_(Mem::RootPath(rootPath), name), root_(rootPath) {}
+
+   bool attach(std::string& message) { return reader_.attach(message); }
+   ZaffaReader<Key, Value>& reader() { return reader_; }
+
+   Value const* write(Value const&, bool) override { throw Jorro::AssertException("write to read-only Zaffa table"); }
+   bool remove(Key const&, Value&) override { throw Jorro::AssertException("remove to read-only Zaffa table"); }
+   bool lookup(Key const& key, Value& value) const override {
+      checkAttached();
+      return reader_.lookup(key, value);
+   }
+   Value const* directLookup(Key const&) const override { return nullptr; }
+   Value* directWrite(Key const&) override { throw Jorro::AssertException("write to read-only Zaffa table"); }
+   Value* directUpdate(Key const&) override { throw Jorro::AssertException("write to read-only Zaffa table"); }
+   Value const* directCommit() override { throw Jorro::AssertException("write to read-only Zaffa table"); }
+   bool first(Value& value) const override {
+      checkAttached();
+      hint_ = IterHint{};
+      return reader_.first(value, hint_);
+   }
+   bool next(Key const& key, Value& value) const override {
+      checkAttached();
+      return reader_.next(key, value, hint_);
+   }
+   U32 members() const override { return reader_.attached() ? reader_.members() : 0; }
+   U32 minSize() const override { return 0; }
+   U32 maxSize() const override { return capacity(); }
+   U32 capacity() const override { return reader_.attached() ? reader_.capacity() : 0; }
+   ImplType type() const override { return ImplType::reader; }
+   MountStatus mountStatus() const override {
+      return reader_.attached() ? MountStatus::mounted : MountStatus::waiting;
+   }
+   U64 sequence() const override { return reader_.attached() ? reader_.version() : 0; }
+   SharedMem::FenixId fenixId() const override { return reader_.fenixId(); }
+   bool validate() override { return reader_.attached(); }
+   void validateFiles() override { checkAttached(); }
+   // A reader never removes the writer's files.
+   void cleanup() override {}
+   void detach(bool) override { reader_.detach(true); }
+   std::string rootPath() const override { return root_; }
+   WriterCounters writerCounters() const override { return WriterCounters{}; }
+   bool quiesced() const override { return true; }
+   bool connected() const override { return reader_.attached(); }
+   void notifyingIs(bool) override {}
+   void yieldTimeIs(double) override {}
+
+ private:
+   void checkAttached() const {
+      if (!reader_.attached()) throw Jorro::AssertException("not attached");
+   }
+
+   mutable ZaffaReader<Key, Value> reader_;
+   mutable IterHint hint_;
+   std::string root_;
+};
+
+// A reader with a private copy of the table, as a state of the map. It
+// reports every key that changes through the map's callbacks; poll() takes
+// the writer's notifications.
+template <typename Key, typename Value>
+class ZaffaShadowState : public ZaffaInterface<Key, Value> {
+ public:
+   ZaffaShadowState(std::string const& rootPath, Mem::Notify<Key, Value> notify, std::string const& name)
+       : shadow_(Mem::RootPath(rootPath), std::move(notify), name), root_(rootPath) {}
+
+   bool initialize(std::string const& event) { return shadow_.initialize(event); }
+   bool poll() { return shadow_.attached() ? shadow_.poll() : true; }
+   ZaffaShadow<Key, Value>& shadow() { return shadow_; }
+
+   Value const* write(Value const&, bool) override { throw Jorro::AssertException("write to read-only Zaffa table"); }
+   bool remove(Key const&, Value&) override { throw Jorro::AssertException("remove to read-only Zaffa table"); }
+   // Answered from the private copy, which outlives a writer's absence.
+   bool lookup(Key const& key, Value& value) const override { return shadow_.lookup(key, value); }
+   Value const* directLookup(Key const&) const override { return nullptr; }
+   Value* directWrite(Key const&) override { throw Jorro::AssertException("write to read-only Zaffa table"); }
+   Value* directUpdate(Key const&) override { throw Jorro::AssertException("write to read-only Zaffa table"); }
+   Value const* directCommit() override { throw Jorro::AssertException("write to read-only Zaffa table"); }
+   bool first(Value& value) const override {
+      hint_ = IterHint{};
+      return shadow_.first(value, hint_);
+   }
+   bool next(Key const& key, Value& value) const override { return shadow_.next(key, value, hint_); }
+   U32 members() const override { return shadow_.members(); }
+   U32 minSize() const override { return 0; }
+   U32 maxSize() const override { return capacity(); }
+   U32 capacity() const override { return shadow_.capacity(); }
+   ImplType type() const override { return ImplType::shadow; }
+   MountStatus mountStatus() const override {
+      return shadow_.attached() ? MountStatus::mounted : MountStatus::waiting;
+   }
+   U64 sequence() const override { return shadow_.counters().changes; }
+   SharedMem::FenixId fenixId() const override { return shadow_.reader().fenixId(); }
+   bool validate() override { return shadow_.attached(); }
+   void validateFiles() override {
+      if (!shadow_.attached()) throw Jorro::AssertException("not attached");
+   }
+   void cleanup() override {}
+   void detach(bool) override { shadow_.detach(true); }
+   std::string rootPath() const override { return root_; }
+   WriterCounters writerCounters() const override { return WriterCounters{}; }
+   bool quiesced() const override { return shadow_.synchronised(); }
+   bool connected() const override { return shadow_.attached(); }
+   void notifyingIs(bool on) override { shadow_.notifyingIs(on); }
+   void yieldTimeIs(double seconds) override { shadow_.yieldTimeIs(seconds); }
+
+ private:
+   mutable ZaffaShadow<Key, Value> shadow_;
+   mutable IterHint hint_;
+   std::string root_;
+};
+
 template <typename Key, typename Value>
 class ZaffaMap {
  public:
@@ -437,8 +561,13 @@ class ZaffaMap {
    // writer; on failure ("initialize failed for {}") the dummy stays for the
    // next attempt and false is returned.
    bool attach(std::string const& event);
-   // A reader's attempt to attach now, if its descriptor asks for one.
+   // A reader's attempt to attach now, if its descriptor asks for one and
+   // the writer's files are there.
    bool tryAttach();
+   // A shadow takes the writer's notifications now, reporting changed keys
+   // through the callbacks (attaching first if it is not); true when all
+   // were taken. Nothing to do in other states.
+   bool poll();
    // A private table with default sizes, until init() replaces it.
    void createDefaultLocalWriter(bool debug);
    // Puts the dummy of the map's situation in place: ZaffaStrictDummy for an
@@ -641,19 +770,66 @@ bool ZaffaMap<Key, Value>::attach(std::string const& event) {
        descriptor_->mode == MapDescriptor::writer || descriptor_->mode == MapDescriptor::local) {
       throw Jorro::AssertException("invoked for a writer");
    }
-   char const* as = descriptor_->mode == MapDescriptor::shadow ? "ZaffaShadow" : "ZaffaReader";
-   ZAFFA_LOG(3, "attempting to attach {} as {}", name_, as);
-   // This build has no reader implementation yet: the dummy stays, and the
-   // next attempt will try again.
-   ZAFFA_LOG(1, "initialize failed for {} (event:{})", name_, event);
-   return false;
+   std::string const root = rootPathFor(*descriptor_);
+   bool const shadow = descriptor_->mode == MapDescriptor::shadow;
+   ZAFFA_LOG(3, "attempting to attach {} as {}", name_, shadow ? "ZaffaShadow" : "ZaffaReader");
+   if (shadow) {
+      // A shadow that lost its writer keeps its copy: initialising it again
+      // reports only what differs.
+      auto* present = dynamic_cast<ZaffaShadowState<Key, Value>*>(impl_.get());
+      if (present) {
+         if (present->initialize(event)) return true;
+         ZAFFA_LOG(1, "initialize failed for {}", name_);
+         return false;
+      }
+      Mem::Notify<Key, Value> notify;
+      notify.keyChanged = [this](Key const& key) {
+         if (callbacks_.key) callbacks_.key(key);
+      };
+      notify.quiesced = [this](bool quiesced) {
+         if (callbacks_.quiesced) callbacks_.quiesced(quiesced);
+      };
+      notify.mountStatus = [this] {
+         if (callbacks_.mountStatus) callbacks_.mountStatus();
+      };
+      // The shadow stays in place, detached; the next tryAttach initialises
+      // it again.
+      notify.disconnected = [this] { ZAFFA_LOG(3, "{} writer gone, waiting for it", name_); };
+      auto state = std::make_unique<ZaffaShadowState<Key, Value>>(root, std::move(notify), name_);
+      if (!state->initialize(event)) {
+         ZAFFA_LOG(1, "initialize failed for {}", name_);
+         return false;
+      }
+      swapIn(std::move(state));
+      return true;
+   }
+   auto state = std::make_unique<ZaffaReaderState<Key, Value>>(root, name_);
+   std::string message;
+   if (!state->attach(message)) {
+      ZAFFA_LOG(1, "initialize failed for {}: {} event:{}", name_, message, event);
+      return false;
+   }
+   swapIn(std::move(state));
+   return true;
+}
+
+template <typename Key, typename Value>
+bool ZaffaMap<Key, Value>::poll() {
+   auto* shadow = dynamic_cast<ZaffaShadowState<Key, Value>*>(impl_.get());
+   if (!shadow) return true;
+   try {
+      if (!shadow->connected()) tryAttach();
+      return shadow->poll();
+   } catch (Jorro::CorruptionDetectedException const& e) {
+      doCorruptionDetected(e.what());
+   }
 }
 
 template <typename Key, typename Value>
 bool ZaffaMap<Key, Value>::tryAttach() {
    if (!descriptor_ || orphan_) return false;
    if (descriptor_->mode != MapDescriptor::reader && descriptor_->mode != MapDescriptor::shadow) return false;
-   if (impl_->type() != ImplType::dummy) return true;
+   if (impl_->connected()) return true;
    Mem::RootPath const root(rootPathFor(*descriptor_));
    if (::access(root.file(FileNames::fenix).c_str(), F_OK) != 0) return false;
    return attach("tryAttach");

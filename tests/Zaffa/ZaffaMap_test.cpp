@@ -6,6 +6,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <sys/wait.h>
+#include <vector>
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -202,4 +206,75 @@ TEST(ZaffaMapDeathTest, CorruptionIsRecordedAndTheNextAttachReformats) {
    EXPECT_EQ(again.impl().fenixId().generation(), before.generation() + 1);
    EXPECT_EQ(Zaffa::Util::readCorruptionMarker(Mem::RootPath(root)), "");
    EXPECT_TRUE(again.validate());
+}
+
+namespace {
+
+// Runs in the child: a reader-mode and a shadow-mode map on the parent's
+// table. Returns 0 when all holds, else the number of the first failed check.
+int readAsAnotherProcess(TempDir const& dir, int toParent, int fromParent) {
+   Map reader("hw");
+   reader.init(MapDescriptor::sharedReader(dir.path()));
+   if (reader.type() != Zaffa::ImplType::reader) return 1;
+   if (reader.members() != 30) return 2;
+   TestValue v;
+   if (!reader.lookup(TestKey::of(7), v) || v.stamp != 7 || !v.consistent()) return 3;
+   try {
+      reader.safeWrite(TestValue::of(1, 1));
+      return 4;
+   } catch (Jorro::AssertException const& e) {
+      if (std::string(e.what()) != "write to read-only Zaffa table") return 5;
+   }
+   U32 walked = 0;
+   for (bool more = reader.first(v); more; more = reader.next(v.key, v)) ++walked;
+   if (walked != 30) return 6;
+
+   Map shadow("hw");
+   std::vector<U64> reported;
+   Map::Callbacks callbacks;
+   callbacks.key = [&](TestKey const& k) { reported.push_back(k.id); };
+   shadow.callbacksIs(callbacks);
+   shadow.init(MapDescriptor::sharedReader(dir.path(), true));
+   if (shadow.type() != Zaffa::ImplType::shadow) return 7;
+   if (shadow.members() != 30 || reported.size() != 30) return 8;
+
+   char byte = 'r';
+   if (::write(toParent, &byte, 1) != 1 || ::read(fromParent, &byte, 1) != 1) return 9;
+   reported.clear();
+   shadow.poll();
+   if (shadow.lookup(TestKey::of(3), v)) return 10;
+   if (!shadow.lookup(TestKey::of(100), v) || v.stamp != 100) return 11;
+   if (!shadow.lookup(TestKey::of(4), v) || v.stamp != 44) return 12;
+   std::sort(reported.begin(), reported.end());
+   if (reported != std::vector<U64>{3, 4, 100}) return 13;
+   // The direct reader sees the same, straight on the files.
+   if (!reader.lookup(TestKey::of(100), v) || reader.members() != 30) return 14;
+   return 0;
+}
+
+} // namespace
+
+TEST(ZaffaMap, ReaderAndShadowInAnotherProcessSeeTheWritersEntries) {
+   TempDir dir;
+   Map writer("hw");
+   writer.init(writerIn(dir));
+   for (U64 i = 0; i < 30; ++i) writer.safeWrite(TestValue::of(i, i));
+   int up[2], down[2];
+   ASSERT_EQ(::pipe(up), 0);
+   ASSERT_EQ(::pipe(down), 0);
+   pid_t child = ::fork();
+   ASSERT_GE(child, 0);
+   if (child == 0) ::_exit(readAsAnotherProcess(dir, up[1], down[0]));
+   char byte = 0;
+   ASSERT_EQ(::read(up[0], &byte, 1), 1);
+   TestValue old;
+   ASSERT_TRUE(writer.safeRemove(TestKey::of(3), old));
+   writer.safeWrite(TestValue::of(100, 100));
+   writer.safeWrite(TestValue::of(4, 44));
+   ASSERT_EQ(::write(down[1], &byte, 1), 1);
+   int status = 0;
+   ASSERT_EQ(::waitpid(child, &status, 0), child);
+   ASSERT_TRUE(WIFEXITED(status));
+   EXPECT_EQ(WEXITSTATUS(status), 0) << "first failed check in the child";
+   for (int fd : {up[0], up[1], down[0], down[1]}) ::close(fd);
 }
