@@ -100,6 +100,13 @@ NatSm::VorVrfStatus::VorVrfStatus(NatSm* sm, L3::VrfName const& vrf)
 
 void NatSm::VorVrfStatus::handleVrfId() { sm_->handleVrf(vrf_); }
 
+NatSm::VorDynamicConnectionStatus::VorDynamicConnectionStatus(NatSm* sm)
+    : Reactor(sm, [] () -> Bindings const& {
+         static Bindings const b{onKey<Ip::Nat::DynamicConnectionKey>(
+            Ip::Nat::DynamicConnectionStatus::dynamicConnectionId, &NatSm::handleDynamicConnection)};
+         return b;
+      }()) {}
+
 NatSm::VorNhMapStatus::VorNhMapStatus(NatSm* sm)
     : Reactor(sm, [] () -> Bindings const& {
          static Bindings const b{onKey<VrfAndIpAddr>(NextHopMapStatus::resolvedAddrId,
@@ -132,6 +139,8 @@ NatSm::NatSm(Ptr<UloCommonSmData> const& commonSmData, Ptr<Ip::Nat::Status const
       status_(this, [this] { return std::make_unique<VorStatus>(this); }),
       hwStatus_(hwStatus),
       dynamicConnectionStatus_(dynamicConnectionStatus),
+      dynamicConnectionStatusReactor_(
+         this, [this] { return std::make_unique<VorDynamicConnectionStatus>(this); }),
       dynamicConnectionHwStatus_(dynamicConnectionHwStatus),
       hwCapabilities_(hwCapabilities),
       nhMapConfig_(nhMapConfig),
@@ -153,6 +162,7 @@ NatSm::NatSm(Ptr<UloCommonSmData> const& commonSmData, Ptr<Ip::Nat::Status const
       }) {
    // Reactors attach without delivery: no handler runs before start.
    status_.notifierIs(status);
+   dynamicConnectionStatusReactor_.notifierIs(dynamicConnectionStatus);
    nhMapStatus_.notifierIs(nhMapStatus);
    routingHwRouteStatus_.notifierIs(routingHwRouteStatus);
    if (status) {

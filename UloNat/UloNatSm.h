@@ -72,6 +72,10 @@ class NatSm : public UloBaseSm {
       NatSm* sm_;
       L3::VrfName vrf_;
    };
+   class VorDynamicConnectionStatus : public Vor::Reactor<Ip::Nat::DynamicConnectionStatus, NatSm> {
+    public:
+      explicit VorDynamicConnectionStatus(NatSm* sm);
+   };
    class VorNhMapStatus : public Vor::Reactor<NextHopMapStatus, NatSm> {
     public:
       explicit VorNhMapStatus(NatSm* sm);
@@ -161,8 +165,16 @@ class NatSm : public UloBaseSm {
    // Kept for the inspection code.
    void showUnprogrammedEntries() {}
    // Takes every static connection of every engine out of hardware, then
-   // programs them all again.
+   // programs them all again. No static translation stands anywhere between
+   // the first delete and the first add.
    void doReprogramStaticConnections();
+   // Hands the asynchronous programmer's answer for `key` to the helper. A
+   // false answer is traced; what to do about it is the helper's business.
+   // Ignored before start.
+   void handleAsyncHwStatus(NatHwKey const& key);
+   // Relays a dynamic connection to the engine of its interface. Without an
+   // engine the event is dropped (traced); the configuration entry stays.
+   void handleDynamicConnection(Ip::Nat::DynamicConnectionKey const& key);
    // Cleans up each engine and drops it. Does not call hwCleanup().
    void doCleanup();
 
@@ -184,6 +196,7 @@ class NatSm : public UloBaseSm {
    Vor::ReactorSlot<VorStatus> status_;
    Ptr<Ip::Nat::HwStatus> hwStatus_;
    Ptr<Ip::Nat::DynamicConnectionStatus> dynamicConnectionStatus_;
+   Vor::ReactorSlot<VorDynamicConnectionStatus> dynamicConnectionStatusReactor_;
    Ptr<Ip::Nat::DynamicConnectionHwStatus> dynamicConnectionHwStatus_;
    Ptr<Ip::Nat::HwCapabilities const> hwCapabilities_;
    Ptr<NextHopMapConfig> nhMapConfig_;

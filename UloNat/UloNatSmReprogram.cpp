@@ -1,5 +1,6 @@
 // Ulo::NatSm: reprogramming of every static connection when the sharing of
-// ACLs between them changes.
+// ACLs between them changes, and the two relays: asynchronous hardware status
+// to the helper, dynamic connections to their interface's engine.
 
 #include <vector>
 
@@ -33,6 +34,25 @@ void NatSm::doReprogramStaticConnections() {
    for (auto const& intf : intfs) {
       if (auto engine = natIntfStatusSm(intf)) engine->handleStaticConnection();
    }
+}
+
+void NatSm::handleAsyncHwStatus(NatHwKey const& key) {
+   if (!initialized()) return;
+   if (!natHelper_->doHandleAsyncHwStatus(key)) {
+      VOR_TRACE(5, " key failed " << key.stringValue());
+   }
+   // The reactors that call this, on the programmer's status directory and
+   // on each key's status, come with the asynchronous programming pipeline.
+}
+
+void NatSm::handleDynamicConnection(Ip::Nat::DynamicConnectionKey const& key) {
+   VOR_TRACE(7, ", natIntf: " << key.intfId() << ", conn: " << key.connTuple().stringValue());
+   if (natIntfStatusSm(key.intfId())) {
+      // The engine's dynamic connection handler, which comes with dynamic
+      // NAT, takes the connection from here.
+      return;
+   }
+   VOR_TRACE(5, "Missing intfStatusSm for " << key.intfId());
 }
 
 } // namespace Ulo

@@ -59,6 +59,11 @@ void SimNatHelper::hwInit() {
    UloHelper::UloHelperNat::hwInit();
 }
 
+bool SimNatHelper::doHandleAsyncHwStatus(Ulo::NatHwKey const&) {
+   ++counts_.asyncHwStatus;
+   return asyncHwStatusResult_;
+}
+
 void SimNatHelper::hwCleanup() {
    ++counts_.hwCleanup;
    lifecycle_.push_back("hwCleanup");

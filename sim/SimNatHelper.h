@@ -107,6 +107,8 @@ class SimNatHelper : public UloHelper::UloHelperNat {
       U64 updateCounterStatus = 0;
       // Adds asked while the helper's replay flag was on.
       U64 addsDuringReplay = 0;
+      // Asynchronous status hand-offs (doHandleAsyncHwStatus).
+      U64 asyncHwStatus = 0;
    };
    Counts const& counts() const { return counts_; }
    // The order of the lifecycle calls, as words ("hwInit", "replayOn", ...),
@@ -119,6 +121,10 @@ class SimNatHelper : public UloHelper::UloHelperNat {
    void replayReconcile() override;
    void updateCounterStatus(bool enabled) override;
    bool immediateCommit() const override { return immediate_; }
+   // Counts the hand-off and answers asyncHwStatusResult() (true unless set).
+   bool doHandleAsyncHwStatus(Ulo::NatHwKey const& hwKey) override;
+   bool asyncHwStatusResult() const { return asyncHwStatusResult_; }
+   void asyncHwStatusResultIs(bool v) { asyncHwStatusResult_ = v; }
    bool commitHwTranslations() override;
 
    bool addStaticSrcIpTranslation(Lumet::IpAndPort const& oldIpAndPort,
@@ -172,6 +178,7 @@ class SimNatHelper : public UloHelper::UloHelperNat {
    bool immediate_;
    U32 refuseNext_ = 0;
    U32 failNextCommit_ = 0;
+   bool asyncHwStatusResult_ = true;
    std::map<ChipEntryKey, ChipEntry> entries_;
    std::vector<StagedOp> staged_;
    // Whether each key touched by the stage is on the chip after the commit,

@@ -77,6 +77,12 @@ class SimSystem {
    Vor::Ptr<Ip::Nat::Status> const& status() const { return status_; }
    Vor::Ptr<Ip::Nat::HwStatus> const& hwStatus() const { return hwStatus_; }
    Vor::Ptr<Ip::Nat::HwCapabilities> const& hwCapabilities() const { return hwCapabilities_; }
+   Vor::Ptr<Ip::Nat::DynamicConnectionStatus> const& dynamicConnectionStatus() const {
+      return dynamicConnectionStatus_;
+   }
+   Vor::Ptr<Ip::Nat::DynamicConnectionHwStatus> const& dynamicConnectionHwStatus() const {
+      return dynamicConnectionHwStatus_;
+   }
    Vor::Ptr<Ulo::NextHopMapConfig> const& nhMapConfig() const { return nhMapConfig_; }
    Vor::Ptr<Ulo::NextHopMapStatus> const& nhMapStatus() const { return nhMapStatus_; }
    Vor::Ptr<Routing::Hardware::RouteStatus> const& routeStatus() const { return routeStatus_; }

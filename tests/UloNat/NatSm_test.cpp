@@ -362,6 +362,62 @@ TEST_F(NatSmTest, DroppingTheRootLeavesHardwareUntouchedButForgetsReviewState) {
    EXPECT_EQ(sys().helper()->counts().hwCleanup, 0u);
 }
 
+TEST_F(NatSmTest, DynamicCapabilityDecidesPollingTaskAndDynamicHardwareStatus) {
+   Ip::Nat::DynamicConnectionKey const key(eth1, Lumet::ConnTuple(ipp("10.0.0.1:1000"),
+                                                                    ipp("198.51.100.1:80"), 6));
+   for (double interval : {0.0, 2.5}) {
+      for (bool dynamicNat : {false, true}) {
+         build();
+         sys().hwCapabilities()->dynamicNatSupportedIs(dynamicNat);
+         sys().helper()->counterPollingIntervalIs(interval);
+         sys().dynamicConnectionHwStatus()->dynamicConnectionHwIs(
+            Ip::Nat::DynamicConnectionHw(key, ipp("192.0.2.1:1000")));
+         sys().vrfIs("default", 0);
+         sys().start();
+         auto const root = sys().root();
+         // Without dynamic NAT there is no polling task and whatever the
+         // dynamic hardware status holds is left alone.
+         EXPECT_EQ(static_cast<bool>(root->dynamicCountersPollingTask()), dynamicNat);
+         EXPECT_EQ(sys().dynamicConnectionHwStatus()->dynamicConnectionHws(), dynamicNat ? 0u : 1u);
+         EXPECT_EQ(root->dynamicCountersPollingInterval(), dynamicNat && interval != 0.0 ? 2.5 : 5.0);
+         if (dynamicNat) {
+            EXPECT_TRUE(root->dynamicCountersPollingTask()->timerPending());
+            EXPECT_DOUBLE_EQ(root->dynamicCountersPollingTask()->timerExpiry(),
+                             sys().now() + root->dynamicCountersPollingInterval());
+         }
+         sys_.reset();
+      }
+   }
+}
+
+TEST_F(NatSmTest, RelaysIgnoreEventsBeforeStartAndWithoutAnEngine) {
+   build();
+   sys().vrfIs("default", 0);
+   sys().intfIs(eth1, "default", "Ethernet1", {{eth1, 10}});
+   Ulo::NatHwKey const hwKey;
+   // Asynchronous status before start is ignored, and start does not go
+   // looking for it afterwards.
+   sys().root()->handleAsyncHwStatus(hwKey);
+   sys().start();
+   EXPECT_EQ(sys().helper()->counts().asyncHwStatus, 0u);
+   sys().root()->handleAsyncHwStatus(hwKey);
+   sys().helper()->asyncHwStatusResultIs(false);
+   sys().root()->handleAsyncHwStatus(hwKey);   // a refusal is the helper's business
+   EXPECT_EQ(sys().helper()->counts().asyncHwStatus, 2u);
+
+   // A dynamic connection of an interface without an engine is dropped: the
+   // configuration keeps it and the shared state knows nothing of it.
+   Lumet::IntfId const eth9("Ethernet9");
+   Ip::Nat::DynamicConnectionKey const key(eth9, Lumet::ConnTuple(ipp("10.0.0.1:1000"),
+                                                                    ipp("198.51.100.1:80"), 6));
+   sys().dynamicConnectionStatus()->dynamicConnectionIs(
+      Ip::Nat::DynamicConnection(key, ipp("192.0.2.1:1000")));
+   EXPECT_TRUE(sys().dynamicConnectionStatus()->dynamicConnectionHas(key));
+   EXPECT_FALSE(sys().root()->natSmStatus()->unprogrammedEntries(eth9));
+   EXPECT_EQ(sys().root()->natSmStatus()->natSmStatusVrfs(), 1u);
+   EXPECT_EQ(sys().dynamicConnectionHwStatus()->dynamicConnectionHws(), 0u);
+}
+
 using NatSmDeathTest = NatSmTest;
 
 TEST_F(NatSmDeathTest, ReleasingAnAddressNobodyWatchesEndsTheProcess) {
