@@ -103,6 +103,9 @@ Report runScenario(Scenario const& scenario) {
       } else if (e.kind == "expect") {
          sys.runUntilIdle();
          check(sys, e, report);
+         report.timeline.push_back(Snapshot{sys.now(), sys.hwStaticCount(), sys.unprogrammedStaticCount(),
+                                            sys.helper()->entries().size(), sys.helper()->capacity(),
+                                            sys.root()->natIntfStatusSms().size()});
       }
       if (lastOfItsTime) sys.runUntilIdle();
    }
@@ -150,7 +153,16 @@ void printReport(std::ostream& os, Report const& r) {
          << ", unprogrammed: " << e.unprogrammed << "\n";
    }
    for (auto const& i : r.interfacesWithoutEngine) os << "  " << i << ": no engine (VRF not ready)\n";
-   os << "\nStatic entries in hardware status: " << r.hwStatic << "\n";
+   if (!r.timeline.empty()) {
+      os << "\nCheckpoints:\n";
+      for (auto const& t : r.timeline) {
+         os << "  " << std::right << std::setw(9) << timeText(t.time) << " s  engines " << t.engines
+            << ", static in hardware status " << t.hwStatic << ", unprogrammed " << t.unprogrammed
+            << ", chip " << t.chipEntries << " of " << t.chipCapacity << "\n";
+      }
+   }
+   os << "\nAt the end:\n";
+   os << "Static entries in hardware status: " << r.hwStatic << "\n";
    os << "Unprogrammed static entries: " << r.unprogrammed << "\n";
    os << "Chip: " << r.chipEntries << " of " << r.chipCapacity << " entries\n";
    for (auto const& c : r.chip) os << "  " << c.key << ": " << c.translation << "\n";
@@ -180,6 +192,12 @@ nlohmann::json reportJson(Report const& r) {
    j["unprogrammed"] = r.unprogrammed;
    j["chip"] = {{"entries", r.chipEntries}, {"capacity", r.chipCapacity}, {"table", nlohmann::json::array()}};
    for (auto const& c : r.chip) j["chip"]["table"].push_back({{"key", c.key}, {"translation", c.translation}});
+   j["checkpoints"] = nlohmann::json::array();
+   for (auto const& t : r.timeline) {
+      j["checkpoints"].push_back({{"time", t.time}, {"engines", t.engines}, {"hwStatic", t.hwStatic},
+                                  {"unprogrammed", t.unprogrammed}, {"chipEntries", t.chipEntries},
+                                  {"chipCapacity", t.chipCapacity}});
+   }
    j["messages"] = nlohmann::json::array();
    for (auto const& m : r.messages) {
       j["messages"].push_back({{"time", m.time}, {"name", m.name}, {"severity", m.severity}, {"text", m.text}});

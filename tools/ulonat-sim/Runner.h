@@ -31,6 +31,16 @@ struct MessageLine {
    std::string text;
 };
 
+// The state at one checkpoint (each `expect` event) of the scenario.
+struct Snapshot {
+   double time = 0.0;
+   std::size_t hwStatic = 0;
+   std::size_t unprogrammed = 0;
+   std::size_t chipEntries = 0;
+   std::size_t chipCapacity = 0;
+   std::size_t engines = 0;
+};
+
 struct Report {
    std::string name;
    double endTime = 0.0;
@@ -42,6 +52,7 @@ struct Report {
    std::vector<ChipLine> chip;
    std::size_t unprogrammed = 0;
    std::vector<MessageLine> messages;
+   std::vector<Snapshot> timeline;
    // Each expectation that held, and each that did not, with its time.
    std::vector<std::string> passed;
    std::vector<std::string> failures;

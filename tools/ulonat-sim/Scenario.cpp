@@ -122,7 +122,9 @@ Ip::Nat::NatStaticConnection staticConnectionOf(Fields const& f) {
       f.fail("target", "must be \"source\" or \"destination\"");
    }
    auto const protocol = static_cast<Vor::U8>(f.integer("protocol", 0, 255, 0));
-   auto const vlan = static_cast<Vor::U16>(f.integer("vlan", 0, 4094, 0));
+   // Required: the engine publishes the VLAN of a source rule to the
+   // multicast library, which takes only 1 to 4094.
+   auto const vlan = static_cast<Vor::U16>(f.integer("vlan", 1, 4094));
    bool const forward = f.boolean("forward", true);
    Ip::Nat::NatStaticConnection conn(
       key, global,
