@@ -77,6 +77,16 @@ bool OwnerFile::open(std::string& error) {
    return true;
 }
 
+bool OwnerFile::openReadOnly(std::string& error) {
+   if (fd_ >= 0) return true;
+   fd_ = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+   if (fd_ < 0) {
+      error = fmt::format("cannot open owner file {}: {}", path_, std::strerror(errno));
+      return false;
+   }
+   return true;
+}
+
 void OwnerFile::lock() {
    while (::flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
    }

@@ -38,6 +38,10 @@ class OwnerFile {
    // Opens or creates the file (an empty new file gets a fresh record).
    // Returns false with a message in `error`.
    bool open(std::string& error);
+   // Opens an existing file for reading only, as a reader looking for the
+   // writer's contact does; never creates it. False with a message in
+   // `error` (no file yet, or no access).
+   bool openReadOnly(std::string& error);
    // Blocks until the attach lock is ours. REQUIRES: open().
    void lock();
    void unlock();

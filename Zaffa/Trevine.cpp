@@ -147,6 +147,7 @@ U32 TrevineWriterBase::append(U32 slot, U32 flags) {
    U32 old = *pos;
    Mem::store32(pos, p);
    if (old != noPos) Mem::store32(&v.records()[old].flags, v.records()[old].flags | recordDeleted);
+   if (appendObserver_) appendObserver_();
    return p;
 }
 

@@ -39,6 +39,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <functional>
 #include <string>
 
 namespace Trevine {
@@ -133,6 +134,11 @@ class TrevineWriterBase {
    // Makes room for slots 0..n-1 (a table that grows).
    void ensureSlotCapacity(U32 n);
 
+   // Called after every append (notify or tombstone), once the record is
+   // visible: how the writer's wake-ups (Jolt::WriterJoltSm) learn that the
+   // queue moved. Must be cheap and must not touch the queue. Empty: none.
+   void appendObserverIs(std::function<void()> fn) { appendObserver_ = std::move(fn); }
+
    bool validate(U32 fenix, U32 maxSlot, std::string& message) const;
    // Raises Jorro::CorruptionDetectedException with validate()'s message.
    void validateFile(U32 fenix, U32 maxSlot) const;
@@ -151,6 +157,7 @@ class TrevineWriterBase {
 
    std::string path_;
    Mem::MappedFile file_;
+   std::function<void()> appendObserver_;
 };
 
 // The queue as the table names it: elements are slot indices (BasicSlot) and

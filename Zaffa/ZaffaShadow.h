@@ -36,6 +36,14 @@
 // shadow that resynchronises with a new generation of the writer reports
 // exactly the keys that differ.
 //
+// Wake-ups: the shadow holds a Jolt::ReaderJoltSm. initialize() connects it
+// to the writer named in the owner file (connectJolt()); a wake-up from the
+// writer makes jolt().service() run poll() and acknowledge, so an owner that
+// watches jolt().fd() (or gives it a scheduler) follows every change without
+// polling on a timer. When the writer's connection closes, the shadow runs
+// handleDisconnect(). notifyingIs(false) stops acting on wake-ups (and asks
+// the writer to stop sending them); notifyingIs(true) drains what piled up.
+//
 // Thread safety: one thread (the owner's activity thread). The store is
 // private memory; the shared files are only read.
 //
@@ -45,7 +53,9 @@
 //   2. Once synchronised, the store equals the shared table as of the last
 //      processed record, up to the records not yet polled.
 
+#include "Zaffa/Jolt.h"
 #include "Zaffa/ShadowHashMap.h"
+#include "Zaffa/SharedMemOwnerFile.h"
 #include "Zaffa/Trevine.h"
 #include "Zaffa/ZaffaReader.h"
 
@@ -194,7 +204,10 @@ class ZaffaShadow {
 
    ZaffaShadow(Mem::RootPath root, Mem::Notify<Key, Value> notify, std::string name = "ZaffaShadow")
        : reader_(root, name), trevine_(root.file(FileNames::trevine)), notify_(std::move(notify)),
-         name_(std::move(name)) {}
+         name_(std::move(name)),
+         jolt_(name_, Jolt::ReaderJoltSm::Hooks{[this](double) { return poll(); },
+                                                [this] { return trevine_.lastSeq(); },
+                                                [this] { handleDisconnect(); }}) {}
    ZaffaShadow(ZaffaShadow const&) = delete;
    ZaffaShadow& operator=(ZaffaShadow const&) = delete;
 
@@ -230,8 +243,18 @@ class ZaffaShadow {
    void yieldTimeIs(double seconds) {
       ZAFFA_LOG(7, "{} yieldTime:{}", name_, seconds);
       yieldTime_ = seconds;
+      jolt_.yieldTimeIs(seconds);
    }
-   void notifyingIs(bool on) { notifying_ = on; }
+   void notifyingIs(bool on) {
+      notifying_ = on;
+      jolt_.notifyingIs(on);
+   }
+   // Connects the wake-ups to the writer named in the owner file. False
+   // (traced) when attached to no writer, or when the writer does not listen
+   // (yet): the sentry tells the owner when its contact appears.
+   bool connectJolt();
+   bool connected() const { return jolt_.connected(); }
+   Jolt::ReaderJoltSm& jolt() { return jolt_; }
    ShadowCounters const& counters() const { return counters_; }
    ZaffaReader<Key, Value>& reader() { return reader_; }
    Store& store() { return store_; }
@@ -283,6 +306,8 @@ class ZaffaShadow {
    U32 seed_ = 0;   // the hash seed of the store's chains
    std::map<Key, Value> pending_;
    ShadowCounters counters_;
+   // Last: its hooks reach the members above.
+   Jolt::ReaderJoltSm jolt_;
 };
 
 // ---------------------------------------------------------------------------
@@ -337,7 +362,26 @@ bool ZaffaShadow<Key, Value, Store>::initialize(std::string const& event) {
              event);
    syncComplete();
    if (notify_.mountStatus) notify_.mountStatus();
+   connectJolt();
    return true;
+}
+
+template <typename Key, typename Value, typename Store>
+bool ZaffaShadow<Key, Value, Store>::connectJolt() {
+   if (!attached()) return false;
+   if (jolt_.connected()) return true;
+   SharedMem::OwnerFile owner(reader_.rootPath().file(FileNames::owner));
+   std::string error;
+   if (!owner.openReadOnly(error)) {
+      ZAFFA_LOG(5, "{} no contact for wake-ups: {}", name_, error);
+      return false;
+   }
+   SharedMem::ShocketInfo const info = owner.shocketInfo();
+   if (info.socketName.empty()) {
+      ZAFFA_LOG(5, "{} no contact for wake-ups in {}", name_, owner.path());
+      return false;
+   }
+   return jolt_.connect(info);
 }
 
 template <typename Key, typename Value, typename Store>
@@ -485,6 +529,9 @@ void ZaffaShadow<Key, Value, Store>::tryShrink() {
 
 template <typename Key, typename Value, typename Store>
 void ZaffaShadow<Key, Value, Store>::handleDisconnect() {
+   if (!jolt_.notifying()) {
+      ZAFFA_LOG(5, "disconnected while jolt processing is disabled, syncer mode:{} done:{}", "notify", synced_);
+   }
    ZAFFA_LOG(5, "{} writer disconnected, synchronised:{}", name_, synced_);
    detach(true);
    if (notify_.quiesced) notify_.quiesced(false);
@@ -497,6 +544,7 @@ void ZaffaShadow<Key, Value, Store>::detach(bool quiet) {
       if (!quiet) ZAFFA_LOG(5, "{} already detached", name_);
       return;
    }
+   jolt_.onDetach();
    reader_.detach();
    trevine_.detach();
    synced_ = false;
