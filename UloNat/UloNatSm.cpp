@@ -121,6 +121,37 @@ NatSm::VorNatSmStatusNotif::VorNatSmStatusNotif(NatSm* sm)
          return b;
       }()) {}
 
+NatSm::VorAsyncHwStatusDir::VorAsyncHwStatusDir(NatSm* sm)
+    : Reactor(sm, [] () -> Bindings const& {
+         static Bindings const b{
+            onRepoint(static_cast<void (NatSm::*)()>(&NatSm::handleAsyncHwStatus)),
+            onMembers<NatHwKey>(
+               NatAsyncHwStatusDir::statusId,
+               static_cast<void (NatSm::*)(NatHwKey const&)>(&NatSm::handleAsyncHwStatus),
+               &NatSm::asyncHwStatus_,
+               [](NatAsyncHwStatusDir const& n, NatHwKey const& k) {
+                  return Ptr<NatAsyncHwStatus const>(n.status(k));
+               },
+               [](NatAsyncHwStatusDir const& n, auto const& visit) {
+                  for (auto const& m : n.status()) visit(m.key(), Ptr<NatAsyncHwStatus const>(m.value()));
+               })};
+         return b;
+      }()) {}
+
+NatSm::VorAsyncHwStatus::VorAsyncHwStatus(NatSm* sm, NatHwKey const& key)
+    : Reactor(this, [] () -> Bindings const& {
+         static Bindings const b{onScalar(NatAsyncHwStatus::stateId, &VorAsyncHwStatus::handleState)};
+         return b;
+      }()),
+      sm_(sm),
+      key_(key) {}
+
+void NatSm::VorAsyncHwStatus::handleState() {
+   if (!sm_->initialized()) return;
+   VOR_TRACE(7, "handleState" << " key " << key_.stringValue());
+   sm_->handleAsyncHwStatus(key_);
+}
+
 // ---- construction ----
 
 NatSm::NatSm(Ptr<UloCommonSmData> const& commonSmData, Ptr<Ip::Nat::Status const> const& status,
@@ -153,6 +184,10 @@ NatSm::NatSm(Ptr<UloCommonSmData> const& commonSmData, Ptr<Ip::Nat::Status const
       unprogrammedTask_(this, [this](NatType const& type) {
          return std::make_unique<VorUnprogrammedTask>(this, type);
       }),
+      asyncHwStatusDir_(this, [this] { return std::make_unique<VorAsyncHwStatusDir>(this); }),
+      asyncHwStatus_(this, [this](NatHwKey const& key) {
+         return std::make_unique<VorAsyncHwStatus>(this, key);
+      }),
       natIntfStatusSm_(this),
       intfStatus_(this, [this](Lumet::IntfId const& intf) {
          return std::make_unique<VorIntfStatus>(this, intf);
@@ -182,6 +217,21 @@ NatSm::~NatSm() {
    unprogrammedTask_.xDelAll();
    intfStatus_.xDelAll();
    vrfStatus_.xDelAll();
+   asyncHwStatus_.xDelAll();
+}
+
+void NatSm::asyncHwStatusDirIs(Ptr<NatAsyncHwStatusDir const> const& dir) {
+   bool const first = !asyncHwStatusDir_.reactor();
+   asyncHwStatusDir_.notifierIs(dir);
+   if (!dir) {
+      asyncHwStatus_.xDelAll();
+      return;
+   }
+   // A first attachment delivers nothing; the per-key reactors are made
+   // here, as the constructor makes those of the configuration tables.
+   if (first) {
+      for (auto const& m : dir->status()) asyncHwStatus_.xIs(m.key(), Ptr<NatAsyncHwStatus const>(m.value()));
+   }
 }
 
 Ptr<NatSm> natSmFactory(Ptr<UloCommonSmData> const& commonSmData,

@@ -37,6 +37,7 @@
 #include "framework/RoutingHwRouteStatus.h"
 #include "framework/UloL3IntfTable.h"
 #include "framework/UloBaseSm.h"
+#include "UloNat/UloNatAsyncEntities.h"
 #include "framework/VorLog.h"
 #include "framework/VorReactor.h"
 
@@ -83,6 +84,31 @@ class NatSm : public UloBaseSm {
    class VorNatSmStatusNotif : public Vor::Reactor<NatSmStatusNotif, NatSm> {
     public:
       explicit VorNatSmStatusNotif(NatSm* sm);
+   };
+   // The asynchronous programmer's answers: the status directory and one
+   // member reactor per key's status.
+   class VorAsyncHwStatusDir : public Vor::Reactor<NatAsyncHwStatusDir, NatSm> {
+    public:
+      explicit VorAsyncHwStatusDir(NatSm* sm);
+   };
+   class VorAsyncHwStatus : public Vor::Reactor<NatAsyncHwStatus, VorAsyncHwStatus> {
+    public:
+      VorAsyncHwStatus(NatSm* sm, NatHwKey const& key);
+      // The programmer changed this key's state.
+      void handleState();
+
+    private:
+      NatSm* sm_;
+      NatHwKey key_;
+   };
+   // Orders keys by every field, filterAddrId included: sibling entries of
+   // one connection have statuses of their own.
+   struct NatHwKeyFullLess {
+      bool operator()(NatHwKey const& a, NatHwKey const& b) const {
+         if (a < b) return true;
+         if (b < a) return false;
+         return a.filterAddrId() < b.filterAddrId();
+      }
    };
    // Member reactor on one review task.
    class VorUnprogrammedTask : public Vor::Reactor<Dov::Task, VorUnprogrammedTask> {
@@ -131,6 +157,14 @@ class NatSm : public UloBaseSm {
    double unprogrammedTaskScheduleInterval() const { return unprogrammedTaskScheduleInterval_; }
    // The review task of one kind, null before handleInitialized().
    Ptr<Dov::TimerTask> unprogrammedTask(NatType type) const;
+   // The asynchronous programmer's command and status directories, set from
+   // outside when the helper programs through it. Setting the status
+   // directory makes a reactor for each key's status it holds.
+   Ptr<NatAsyncHwConfigDir> const& asyncHwConfigDir() const { return asyncHwConfigDir_; }
+   void asyncHwConfigDirIs(Ptr<NatAsyncHwConfigDir> const& dir) { asyncHwConfigDir_ = dir; }
+   Ptr<NatAsyncHwStatusDir const> asyncHwStatusDir() const { return asyncHwStatusDir_.notifier(); }
+   void asyncHwStatusDirIs(Ptr<NatAsyncHwStatusDir const> const& dir);
+   std::size_t asyncHwStatusReactors() const { return asyncHwStatus_.size(); }
    // Set from outside.
    bool hwConnEntryRqrdOnDelete() const { return hwConnEntryRqrdOnDelete_; }
    void hwConnEntryRqrdOnDeleteIs(bool v) { hwConnEntryRqrdOnDelete_ = v; }
@@ -172,6 +206,8 @@ class NatSm : public UloBaseSm {
    // false answer is traced; what to do about it is the helper's business.
    // Ignored before start.
    void handleAsyncHwStatus(NatHwKey const& key);
+   // Every key of the status directory, as after a re-pointing.
+   void handleAsyncHwStatus();
    // Relays a dynamic connection to the engine of its interface. Without an
    // engine the event is dropped (traced); the configuration entry stays.
    void handleDynamicConnection(Ip::Nat::DynamicConnectionKey const& key);
@@ -218,6 +254,10 @@ class NatSm : public UloBaseSm {
    double unprogrammedTaskScheduleInterval_ = 5.0;
    std::map<NatType, Ptr<Dov::TimerTask>> unprogrammedTaskPtr_;
    Vor::MemberReactors<NatType, VorUnprogrammedTask> unprogrammedTask_;
+   // In declared order: the programmer's directories come before the engines.
+   Ptr<NatAsyncHwConfigDir> asyncHwConfigDir_;
+   Vor::ReactorSlot<VorAsyncHwStatusDir> asyncHwStatusDir_;
+   Vor::MemberReactors<NatHwKey, VorAsyncHwStatus, NatHwKeyFullLess> asyncHwStatus_;
    Vor::ChildMachines<Lumet::IntfId, NatIntfStatusSm> natIntfStatusSm_;
    bool hwConnEntryRqrdOnDelete_ = false;
    Vor::MemberReactors<Lumet::IntfId, VorIntfStatus> intfStatus_;

@@ -41,8 +41,18 @@ void NatSm::handleAsyncHwStatus(NatHwKey const& key) {
    if (!natHelper_->doHandleAsyncHwStatus(key)) {
       VOR_TRACE(5, " key failed " << key.stringValue());
    }
-   // The reactors that call this, on the programmer's status directory and
-   // on each key's status, come with the asynchronous programming pipeline.
+}
+
+void NatSm::handleAsyncHwStatus() {
+   if (!initialized()) return;
+   Ptr<NatAsyncHwStatusDir const> dir = asyncHwStatusDir();
+   if (!dir) return;
+   // The helper may change the directory while it handles a key: walk a
+   // copy of the keys.
+   std::vector<NatHwKey> keys;
+   keys.reserve(dir->statuss());
+   for (auto const& m : dir->status()) keys.push_back(m.key());
+   for (auto const& key : keys) handleAsyncHwStatus(key);
 }
 
 void NatSm::handleDynamicConnection(Ip::Nat::DynamicConnectionKey const& key) {

@@ -77,6 +77,9 @@ class PtrInterface::NotifieeConst {
 // constructed, so the owner knows them in declaration order, which is the
 // order in which hasNotificationActiveIs() and vorDoZombieReactors() go down.
 
+// Attribute ids start at 1; 0 names no attribute.
+constexpr AttributeId noAttributeId = 0;
+
 class OwnedPart {
  public:
    virtual ~OwnedPart() = default;
@@ -215,6 +218,11 @@ class Reactor : public PtrInterface::NotifieeConst {
       Binding b = blank(id, Binding::Kind::event);
       b.handler = [f](O& o, void const*) { f(o); };
       return b;
+   }
+   // A handler that runs only at the end of a re-pointing, in declaration
+   // order with the scalars (no attribute of the notifier triggers it).
+   static Binding onRepoint(void (O::*handler)()) {
+      return memberBinding(noAttributeId, Binding::Kind::scalar, handler);
    }
    template <typename K>
    static Binding onKey(AttributeId id, void (O::*handler)(K const&)) {
@@ -355,8 +363,10 @@ class ReactorSlot : public OwnedPart {
    std::unique_ptr<R> reactor_;
 };
 
-// A state machine's reactors on the members of a collection, one per key.
-template <typename K, typename R>
+// A state machine's reactors on the members of a collection, one per key,
+// ordered by `Compare` (which must tell apart every two keys the collection
+// tells apart).
+template <typename K, typename R, typename Compare = std::less<K>>
 class MemberReactors : public OwnedPart {
  public:
    using NotifierPtr = Ptr<typename R::Notifier const>;
@@ -416,7 +426,7 @@ class MemberReactors : public OwnedPart {
  private:
    PartOwner* owner_;
    std::function<std::unique_ptr<R>(K const&)> make_;
-   std::map<K, std::unique_ptr<R>> reactors_;
+   std::map<K, std::unique_ptr<R>, Compare> reactors_;
 };
 
 // A state machine's collection of child machines (any PtrInterface with

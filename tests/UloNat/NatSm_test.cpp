@@ -418,6 +418,53 @@ TEST_F(NatSmTest, RelaysIgnoreEventsBeforeStartAndWithoutAnEngine) {
    EXPECT_EQ(sys().dynamicConnectionHwStatus()->dynamicConnectionHws(), 0u);
 }
 
+TEST_F(NatSmTest, ProgrammerStatusChangesReachTheHelperPerKey) {
+   build();
+   sys().vrfIs("default", 0);
+   sys().intfIs(eth1, "default", "Ethernet1", {{eth1, 10}});
+   Vor::Ptr<Ulo::NatAsyncHwStatusDir> dir = Ulo::natAsyncHwStatusDirFactory();
+   Ulo::NatHwKey const first(Ulo::NatHwKey::staticSnat, ipp("10.0.0.1:0"), ipp("192.0.2.1:0"), {}, {});
+   Ulo::NatHwKey sibling = first;   // the same connection's second filter address
+   sibling.filterAddrIdIs(1);
+   dir->statusIs(first);
+   // The agent sets the directory from outside: reactors for what it holds.
+   sys().root()->asyncHwStatusDirIs(dir);
+   EXPECT_EQ(sys().root()->asyncHwStatusReactors(), 1u);
+   auto const& counts = sys().helper()->counts();
+   dir->status(first)->stateIs(Ulo::NatAsyncHwStatus::success);
+   EXPECT_EQ(counts.asyncHwStatus, 0u) << "nothing is handed on before start";
+
+   sys().start();
+   dir->status(first)->stateIs(Ulo::NatAsyncHwStatus::inProgress);
+   EXPECT_EQ(counts.asyncHwStatus, 1u);
+   dir->status(first)->stateIs(Ulo::NatAsyncHwStatus::inProgress);   // no change, no hand-off
+   EXPECT_EQ(counts.asyncHwStatus, 1u);
+   // A new key: the directory's handler runs, then its own reactor exists.
+   // Keys that differ only in their filter position are different keys.
+   dir->statusIs(sibling);
+   EXPECT_EQ(counts.asyncHwStatus, 2u);
+   EXPECT_EQ(sys().root()->asyncHwStatusReactors(), 2u);
+   dir->status(sibling)->stateIs(Ulo::NatAsyncHwStatus::failed);
+   EXPECT_EQ(counts.asyncHwStatus, 3u);
+   // A removed key: handed on once more, and its reactor goes.
+   dir->statusDel(first);
+   EXPECT_EQ(counts.asyncHwStatus, 4u);
+   EXPECT_EQ(sys().root()->asyncHwStatusReactors(), 1u);
+
+   // Re-pointing to another directory hands on each of its keys and
+   // reconciles the per-key reactors with it.
+   Vor::Ptr<Ulo::NatAsyncHwStatusDir> other = Ulo::natAsyncHwStatusDirFactory();
+   other->statusIs(first);
+   other->statusIs(sibling);
+   sys().root()->asyncHwStatusDirIs(other);
+   EXPECT_EQ(counts.asyncHwStatus, 6u);
+   EXPECT_EQ(sys().root()->asyncHwStatusReactors(), 2u);
+   dir->statusIs(first);   // the old directory is no longer watched
+   EXPECT_EQ(counts.asyncHwStatus, 6u);
+   sys().root()->asyncHwStatusDirIs(Vor::Ptr<Ulo::NatAsyncHwStatusDir const>());
+   EXPECT_EQ(sys().root()->asyncHwStatusReactors(), 0u);
+}
+
 using NatSmDeathTest = NatSmTest;
 
 TEST_F(NatSmDeathTest, ReleasingAnAddressNobodyWatchesEndsTheProcess) {
