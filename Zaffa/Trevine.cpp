@@ -185,8 +185,11 @@ void TrevineWriterBase::compact() {
    U32 out = 0;
    U32 newShrinkStart = noPos;
    for (U32 p = 0; p < n; ++p) {
-      bool keep = !(r[p].flags & recordDeleted) &&
-                  !((r[p].flags & recordTombstone) && !(r[p].flags & recordActive));
+      // A tombstone that is still its slot's latest record must stay, active
+      // or not: a reader that has not reached it yet learns only from it that
+      // the slot was emptied by a move, and would otherwise keep the moved
+      // key there for ever when the key's new slot has changed since.
+      bool keep = !(r[p].flags & recordDeleted);
       if (p == h->shrinkStartPos) newShrinkStart = out;
       if (!keep) {
          if (pos[r[p].slot] == p) pos[r[p].slot] = noPos;

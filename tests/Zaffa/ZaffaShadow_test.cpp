@@ -163,3 +163,47 @@ TEST(ZaffaShadow, NotificationBeyondTheSharedTableIsDiscarded) {
    EXPECT_EQ(f.shadow.capacity(), w.capacity());
    EXPECT_EQ(f.shadow.members(), 1u);
 }
+
+// A shadow that lags far behind a churning writer, across compactions of the
+// table and of the queue, must still converge: a queue compaction once
+// dropped the tombstones of finished shrinks that lagging readers had not
+// reached, and keys moved by the shrink stayed in the shadow as ghosts.
+TEST(ZaffaShadow, LaggingShadowConvergesAcrossShrinksAndQueueCompactions) {
+   for (int seed = 1; seed <= 2; ++seed) {
+   TempDir dir;
+   auto c = config(dir.path(), 16, 256);
+   Writer w(c);
+   w.attach();
+   U64 const keySpace = 3000;
+   for (U64 id = 0; id < 200; ++id) w.write(TestValue::of(id, 1), true);
+   Zaffa::ZaffaShadow<TestKey, TestValue> shadow(Mem::RootPath(dir.path()), Mem::Notify<TestKey, TestValue>{});
+   ASSERT_TRUE(shadow.initialize("t"));
+   std::mt19937_64 rng(99), lag(seed);
+   U64 stamp = 1;
+   U64 nextPoll = lag() % 5000;
+   for (U64 n = 0; n < 120000; ++n) {
+      bool const draining = ((n >> 14) & 1) != 0;
+      U64 const id = rng() % (draining ? keySpace / 16 : keySpace);
+      int const op = static_cast<int>(rng() % 10);
+      if (draining && op < 7) {
+         for (U64 k = id; k < keySpace; k += keySpace / 16) { TestValue old; w.remove(TestKey::of(k), old); }
+      } else if (op < 6) {
+         w.write(TestValue::of(id, ++stamp), true);
+      } else if (op < 8) {
+         TestValue old; w.remove(TestKey::of(id), old);
+      } else {
+         TestValue* v = w.directWrite(TestKey::of(id)); *v = TestValue::of(id, ++stamp); w.directCommit();
+      }
+      if (n == nextPoll) { shadow.trevine().poll([&](U32 s, U64 q, bool){ shadow.doSlot(s, q, false); }, lag() % 300); nextPoll = n + lag() % 5000; }
+   }
+   while (!shadow.poll()) {}
+   U32 bad = 0;
+   for (U64 id = 0; id < keySpace; ++id) {
+      TestValue a;
+      bool inS = shadow.lookup(TestKey::of(id), a);
+      bool inW = w.lookup(TestKey::of(id)) != nullptr;
+      if (inS != inW && bad++ < 3) ADD_FAILURE() << "seed " << seed << " key " << id << " shadow " << inS << " files " << inW;
+   }
+   if (bad) { ADD_FAILURE() << "seed " << seed << " bad " << bad << " members " << shadow.members() << " vs " << w.members(); break; }
+   }
+}
