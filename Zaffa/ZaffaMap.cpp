@@ -2,6 +2,8 @@
 
 #include "Zaffa/ZaffaNatHwShadow.h"
 
+#include <poll.h>
+
 namespace Zaffa {
 
 char const* implTypeName(ImplType type) {
@@ -28,6 +30,43 @@ void corruptionDetected(std::string const& name, std::string const& rootPath, st
    }
    ZAFFA_LOG(0, "{} corruption detected: {}", name, message);
    ::Ulo::assertFailed(message.c_str(), __FILE__, __LINE__, __PRETTY_FUNCTION__);
+}
+
+DescriptorWatchTask::DescriptorWatchTask(Vor::Ptr<Dov::TaskScheduler> const& scheduler, Vor::String name,
+                                         Collect collect, double interval)
+    : Dov::TimerTask(scheduler, 2, std::move(name)), collect_(std::move(collect)), interval_(interval) {}
+
+void DescriptorWatchTask::start() {
+   started_ = true;
+   scheduleTask();
+}
+
+void DescriptorWatchTask::stop() {
+   started_ = false;
+   unscheduleTask();
+}
+
+void DescriptorWatchTask::intervalIs(double seconds) {
+   interval_ = seconds;
+   if (started_ && timerPending()) scheduleTaskDelay(interval_);
+}
+
+void DescriptorWatchTask::doRun() {
+   if (!started_) return;
+   std::vector<Watch> watches = collect_ ? collect_() : std::vector<Watch>();
+   std::vector<pollfd> fds;
+   fds.reserve(watches.size());
+   for (Watch const& w : watches) fds.push_back(pollfd{w.fd, POLLIN, 0});
+   int n = fds.empty() ? 0 : ::poll(fds.data(), fds.size(), 0);
+   for (std::size_t i = 0; n > 0 && i < fds.size(); ++i) {
+      if (fds[i].revents == 0) continue;
+      --n;
+      ++readables_;
+      // A hang-up or an error is readable too: the component's service()
+      // finds out what it is.
+      if (watches[i].readable) watches[i].readable();
+   }
+   if (started_) scheduleTaskDelay(interval_);
 }
 
 // The hardware shadow's map, compiled once here for the library.

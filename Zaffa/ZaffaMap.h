@@ -49,10 +49,14 @@
 //     "... . If you're seeing this, you're trying to operate on an orphan
 //     zaffa entity".
 
+#include "Zaffa/Jolt.h"
 #include "Zaffa/MapDescriptor.h"
+#include "Zaffa/MemReaderSentry.h"
+#include "Zaffa/MemVersionAnchor.h"
 #include "Zaffa/ZaffaReader.h"
 #include "Zaffa/ZaffaShadow.h"
 #include "Zaffa/ZaffaWriter.h"
+#include "framework/DovTask.h"
 #include "framework/UloAssert.h"
 
 #include <fmt/format.h>
@@ -62,6 +66,7 @@
 #include <unistd.h>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace Zaffa {
 
@@ -111,7 +116,16 @@ class ZaffaInterface {
    virtual void cleanup() = 0;
    virtual void detach(bool doCleanup) = 0;
    virtual std::string rootPath() const = 0;
+   // The lookups, retries and lookaside reads of a reader (zero for others).
+   virtual Reader::Counters readerCounters() const = 0;
    virtual WriterCounters writerCounters() const = 0;
+   // Raises Mem::VersionMismatchException when the root directory now holds
+   // another generation than the one this state has mapped (or, for a
+   // shadow, last copied); Jorro::AssertException when it has none.
+   virtual void validateVersionAnchor() const = 0;
+   // The generation a cache of this table's values belongs to; not valid()
+   // when nothing was ever mapped.
+   virtual Mem::CacheVersionAnchor getCacheVersionAnchor() const = 0;
    virtual bool quiesced() const = 0;
    virtual bool connected() const = 0;
    virtual void notifyingIs(bool on) = 0;
@@ -179,7 +193,13 @@ class ZaffaDummy : public ZaffaInterface<Key, Value> {
    void cleanup() override { trace("cleanup", ""); }
    void detach(bool) override { trace("detach", ""); }
    std::string rootPath() const override { return root_; }
+   Reader::Counters readerCounters() const override { return Reader::Counters{}; }
    WriterCounters writerCounters() const override { return WriterCounters{}; }
+   void validateVersionAnchor() const override {
+      trace("validateVersionAnchor", "");
+      Mem::VersionAnchor().validate();
+   }
+   Mem::CacheVersionAnchor getCacheVersionAnchor() const override { return Mem::CacheVersionAnchor{}; }
    bool quiesced() const override { return true; }
    bool connected() const override { return false; }
    void notifyingIs(bool) override {}
@@ -282,8 +302,17 @@ class ZaffaStrictDummy : public ZaffaInterface<Key, Value> {
    // nothing to detach and is no access.
    void detach(bool) override {}
    std::string rootPath() const override { return std::string(); }
+   Reader::Counters readerCounters() const override {
+      fail("readerCounters");
+      return {};   // not reached; the call is dependent, so the compiler cannot tell
+   }
    WriterCounters writerCounters() const override {
       fail("writerCounters");
+      return {};   // not reached; the call is dependent, so the compiler cannot tell
+   }
+   void validateVersionAnchor() const override { fail("validateVersionAnchor"); }
+   Mem::CacheVersionAnchor getCacheVersionAnchor() const override {
+      fail("getCacheVersionAnchor");
       return {};   // not reached; the call is dependent, so the compiler cannot tell
    }
    bool quiesced() const override {
@@ -307,8 +336,30 @@ class ZaffaWriterState : public ZaffaInterface<Key, Value> {
  public:
    explicit ZaffaWriterState(WriterConfig config) : config_(config), writer_(std::move(config)) {}
 
+   ~ZaffaWriterState() override { jolt_.reset(); }
+
    ZaffaWriter<Key, Value>& writer() { return writer_; }
-   void attach() { writer_.attach(); }
+   // The wake-ups of this table's shadows, null for a process-local table.
+   Jolt::WriterJoltSm* jolt() const { return jolt_.get(); }
+   // Attaches to the files and, for a shared table, listens for shadows at
+   // the contact that attach() published in the owner file, serviced by
+   // `scheduler`. Raises as ZaffaWriter::attach, and
+   // Jorro::InvalidInitializeException when the socket cannot be made; the
+   // state is then detached.
+   void attach(Vor::Ptr<Dov::TaskScheduler> const& scheduler) {
+      jolt_.reset();
+      writer_.attach();
+      if (writer_.local()) return;
+      try {
+         jolt_ = std::make_unique<Jolt::WriterJoltSm>(writer_.rootPath().file(FileNames::jolt), writer_.trevine());
+         jolt_->taskSchedulerIs(scheduler);
+         jolt_->doEnableListen();
+      } catch (...) {
+         jolt_.reset();
+         writer_.detach(false);
+         throw;
+      }
+   }
 
    Value const* write(Value const& value, bool overwrite) override {
       checkAttached();
@@ -376,14 +427,27 @@ class ZaffaWriterState : public ZaffaInterface<Key, Value> {
       checkAttached();
       writer_.validateFiles();
    }
-   void cleanup() override { writer_.cleanup(); }
-   void detach(bool doCleanup) override { writer_.detach(doCleanup); }
+   void cleanup() override {
+      // The shadows lose their wake-ups with the files.
+      jolt_.reset();
+      writer_.cleanup();
+   }
+   void detach(bool doCleanup) override {
+      // Closing the connections first tells each shadow that the writer is
+      // gone before the files change under it.
+      jolt_.reset();
+      writer_.detach(doCleanup);
+   }
    std::string rootPath() const override { return writer_.rootPath().dir(); }
+   Reader::Counters readerCounters() const override { return Reader::Counters{}; }
    WriterCounters writerCounters() const override { return writer_.counters(); }
+   void validateVersionAnchor() const override { anchor().validate(); }
+   Mem::CacheVersionAnchor getCacheVersionAnchor() const override { return anchor().cacheVersionAnchor(); }
    bool quiesced() const override {
       return !writer_.attached() || const_cast<ZaffaWriter<Key, Value>&>(writer_).trevine().quiesced();
    }
-   bool connected() const override { return writer_.attached(); }
+   // Attached and, for a shared table, listening for shadows.
+   bool connected() const override { return writer_.attached() && (writer_.local() || (jolt_ && jolt_->listening())); }
    void notifyingIs(bool) override {}
    void yieldTimeIs(double) override {}
 
@@ -392,9 +456,14 @@ class ZaffaWriterState : public ZaffaInterface<Key, Value> {
    void checkAttached() const {
       if (!writer_.attached()) throw Jorro::AssertException("not attached");
    }
+   Mem::VersionAnchor anchor() const {
+      return writer_.attached() ? Mem::VersionAnchor(writer_.rootPath().dir(), writer_.fenixId()) : Mem::VersionAnchor();
+   }
 
    WriterConfig const config_;
    ZaffaWriter<Key, Value> writer_;
+   // Last: it follows writer_'s queue, and must go before it.
+   std::unique_ptr<Jolt::WriterJoltSm> jolt_;
 };
 
 
@@ -445,7 +514,15 @@ class ZaffaReaderState : public ZaffaInterface<Key, Value> {
    void cleanup() override {}
    void detach(bool) override { reader_.detach(true); }
    std::string rootPath() const override { return root_; }
+   Reader::Counters readerCounters() const override { return reader_.counters(); }
    WriterCounters writerCounters() const override { return WriterCounters{}; }
+   void validateVersionAnchor() const override {
+      if (!reader_.attached()) Mem::VersionAnchor().validate();
+      reader_.validateVersionAnchor();
+   }
+   Mem::CacheVersionAnchor getCacheVersionAnchor() const override {
+      return Mem::CacheVersionAnchor{reader_.attached() ? reader_.fenixId() : SharedMem::FenixId{}};
+   }
    bool quiesced() const override { return true; }
    bool connected() const override { return reader_.attached(); }
    void notifyingIs(bool) override {}
@@ -467,10 +544,20 @@ class ZaffaReaderState : public ZaffaInterface<Key, Value> {
 template <typename Key, typename Value>
 class ZaffaShadowState : public ZaffaInterface<Key, Value> {
  public:
-   ZaffaShadowState(std::string const& rootPath, Mem::Notify<Key, Value> notify, std::string const& name)
-       : shadow_(Mem::RootPath(rootPath), std::move(notify), name), root_(rootPath) {}
+   // The shadow's wake-ups are serviced by `scheduler`'s tasks.
+   ZaffaShadowState(std::string const& rootPath, Mem::Notify<Key, Value> notify, std::string const& name,
+                    Vor::Ptr<Dov::TaskScheduler> const& scheduler)
+       : shadow_(Mem::RootPath(rootPath), std::move(notify), name), root_(rootPath) {
+      shadow_.jolt().taskSchedulerIs(scheduler);
+   }
 
-   bool initialize(std::string const& event) { return shadow_.initialize(event); }
+   // Attaches and synchronises (see ZaffaShadow::initialize); the copy is
+   // then of the generation found, which validateVersionAnchor() checks.
+   bool initialize(std::string const& event) {
+      if (!shadow_.initialize(event)) return false;
+      anchor_ = Mem::VersionAnchor(root_, shadow_.reader().fenixId());
+      return true;
+   }
    bool poll() { return shadow_.attached() ? shadow_.poll() : true; }
    ZaffaShadow<Key, Value>& shadow() { return shadow_; }
 
@@ -504,9 +591,15 @@ class ZaffaShadowState : public ZaffaInterface<Key, Value> {
    void cleanup() override {}
    void detach(bool) override { shadow_.detach(true); }
    std::string rootPath() const override { return root_; }
+   Reader::Counters readerCounters() const override { return shadow_.reader().counters(); }
    WriterCounters writerCounters() const override { return WriterCounters{}; }
+   // The copy outlives the writer: it is checked against the generation it
+   // was last synchronised with, attached or not.
+   void validateVersionAnchor() const override { anchor_.validate(); }
+   Mem::CacheVersionAnchor getCacheVersionAnchor() const override { return anchor_.cacheVersionAnchor(); }
    bool quiesced() const override { return shadow_.synchronised(); }
-   bool connected() const override { return shadow_.attached(); }
+   // Attached, and its wake-ups connected to the writer.
+   bool connected() const override { return shadow_.attached() && shadow_.connected(); }
    void notifyingIs(bool on) override { shadow_.notifyingIs(on); }
    void yieldTimeIs(double seconds) override { shadow_.yieldTimeIs(seconds); }
 
@@ -514,6 +607,47 @@ class ZaffaShadowState : public ZaffaInterface<Key, Value> {
    mutable ZaffaShadow<Key, Value> shadow_;
    mutable IterHint hint_;
    std::string root_;
+   Mem::VersionAnchor anchor_;
+};
+
+// Looks at a map's descriptors (its sentry's, its wake-up connection's)
+// every interval() seconds and hands each readable one to its handler.
+//
+// The scheduler runs timers and queued tasks but does not wait on
+// descriptors, so something has to ask the kernel. A poll(2) that does not
+// wait, once per interval, is that something: the handlers only queue the
+// component's own task (Jolt, ReaderSentry), which then does the work at
+// its priority. Latency is at most one interval; an idle map costs one
+// system call per interval. On virtual time the interval is virtual.
+//
+// Thread safety: the scheduler's thread.
+class DescriptorWatchTask : public Dov::TimerTask {
+ public:
+   struct Watch {
+      int fd = -1;
+      std::function<void()> readable;
+   };
+   using Collect = std::function<std::vector<Watch>()>;
+
+   DescriptorWatchTask(Vor::Ptr<Dov::TaskScheduler> const& scheduler, Vor::String name, Collect collect,
+                       double interval);
+   // Looks now, then every interval until stop().
+   void start();
+   void stop();
+   bool started() const { return started_; }
+   double interval() const { return interval_; }
+   void intervalIs(double seconds);
+   // Readable descriptors handed on so far.
+   Vor::U64 readables() const { return readables_; }
+
+ protected:
+   void doRun() override;
+
+ private:
+   Collect collect_;
+   double interval_;
+   bool started_ = false;
+   Vor::U64 readables_ = 0;
 };
 
 template <typename Key, typename Value>
@@ -532,7 +666,10 @@ class ZaffaMap {
 
    // "ZaffaTemp" is the name of a collection that has no home yet.
    explicit ZaffaMap(std::string name = "ZaffaTemp") : name_(std::move(name)) { installDummy("created"); }
-   ~ZaffaMap() { impl_->detach(false); }
+   ~ZaffaMap() {
+      stopWatching();
+      impl_->detach(false);
+   }
    ZaffaMap(ZaffaMap const&) = delete;
    ZaffaMap& operator=(ZaffaMap const&) = delete;
 
@@ -550,6 +687,18 @@ class ZaffaMap {
    std::string rootPathFor(MapDescriptor const& d) const {
       return d.mode == MapDescriptor::local ? std::string() : d.root + "/" + name_;
    }
+
+   // The scheduler whose tasks service the map's sentry and wake-ups; the
+   // process's (Dov::TaskSchedulerRoot) unless set before init().
+   void taskSchedulerIs(Vor::Ptr<Dov::TaskScheduler> scheduler) { scheduler_ = std::move(scheduler); }
+   Vor::Ptr<Dov::TaskScheduler> const& taskScheduler() const { return scheduler_; }
+   // How often the map looks at its descriptors (see DescriptorWatchTask);
+   // 0.05 s by default.
+   void watchIntervalIs(double seconds);
+   double watchInterval() const { return watchInterval_; }
+   // The watch of a reader or shadow on its root; null in other modes.
+   Mem::ReaderSentry const* sentry() const { return sentry_.get(); }
+   DescriptorWatchTask const* watchTask() const { return watchTask_.ptr(); }
 
    // ---- life cycle ----
 
@@ -586,11 +735,34 @@ class ZaffaMap {
    // dummy that can be initialised again.
    void controlDetach();
    MountStatus mountStatus() const { return orphan_ ? MountStatus::orphan : impl_->mountStatus(); }
+   // Off: a shadow stops acting on its writer's wake-ups (and asks the
+   // writer to stop sending them) and reports no keys; on again: it takes
+   // what piled up. Kept across attaches.
    void notifyingIs(bool on) {
       notifying_ = on;
       impl_->notifyingIs(on);
    }
    bool notifying() const { return notifying_; }
+   // The longest a shadow's synchronisation may run in one task run; kept
+   // across attaches.
+   void yieldTimeIs(double seconds) {
+      yieldTime_ = seconds;
+      impl_->yieldTimeIs(seconds);
+   }
+   double yieldTime() const { return yieldTime_; }
+   // A writer listening for its shadows, a shadow connected to its writer's
+   // wake-ups, a reader attached.
+   bool connected() const { return impl_->connected(); }
+   bool quiesced() const { return impl_->quiesced(); }
+   U64 sequence() const { return impl_->sequence(); }
+   SharedMem::FenixId fenixId() const { return impl_->fenixId(); }
+   U32 capacity() const { return impl_->capacity(); }
+   Reader::Counters readerCounters() const { return impl_->readerCounters(); }
+   WriterCounters writerCounters() const { return impl_->writerCounters(); }
+   // See ZaffaInterface; Mem::VersionMismatchException when the table this
+   // map holds has been replaced by another generation.
+   void validateVersionAnchor() const { impl_->validateVersionAnchor(); }
+   Mem::CacheVersionAnchor getCacheVersionAnchor() const { return impl_->getCacheVersionAnchor(); }
 
    // ---- operations ----
 
@@ -664,10 +836,27 @@ class ZaffaMap {
       if (impl_) impl_->detach(false);
       impl_ = std::move(impl);
       impl_->notifyingIs(notifying_);
+      if (yieldTime_ > 0) impl_->yieldTimeIs(yieldTime_);
       if (callbacks_.mountStatus) callbacks_.mountStatus();
    }
    WriterConfig writerConfig(MapDescriptor const& d) const;
    std::unique_ptr<Interface> buildWriter(MapDescriptor const& d);
+   Vor::Ptr<Dov::TaskScheduler> const& scheduler() {
+      if (!scheduler_) scheduler_ = Dov::TaskSchedulerRoot::findOrCreateScheduler();
+      return scheduler_;
+   }
+   ZaffaShadowState<Key, Value>* shadowState() const {
+      return impl_->type() == ImplType::shadow ? static_cast<ZaffaShadowState<Key, Value>*>(impl_.get()) : nullptr;
+   }
+   // Starts the sentry of a reader or shadow (which reports a writer that is
+   // already there at once) and the watch of the map's descriptors.
+   void startWatching();
+   void stopWatching();
+   std::vector<DescriptorWatchTask::Watch> watches();
+   void handleSentry(Mem::ReaderSentry::Event event, SharedMem::FenixId fenix);
+   // The writer went away: a reader goes back to waiting behind a dummy; a
+   // shadow keeps its copy, detached, for the next attach to compare with.
+   void handleWriterGone(std::string const& event);
 
    std::string name_;
    std::unique_ptr<Interface> impl_;
@@ -675,6 +864,11 @@ class ZaffaMap {
    Callbacks callbacks_;
    bool orphan_ = false;
    bool notifying_ = true;
+   double yieldTime_ = 0;
+   double watchInterval_ = 0.05;
+   Vor::Ptr<Dov::TaskScheduler> scheduler_;
+   std::unique_ptr<Mem::ReaderSentry> sentry_;
+   Vor::Ptr<DescriptorWatchTask> watchTask_;
 };
 
 // ---------------------------------------------------------------------------
@@ -711,7 +905,7 @@ std::unique_ptr<ZaffaInterface<Key, Value>> ZaffaMap<Key, Value>::buildWriter(Ma
       ::unlink(root.file(FileNames::slots).c_str());
    }
    auto state = std::make_unique<ZaffaWriterState<Key, Value>>(c);
-   state->attach();
+   state->attach(scheduler());
    return state;
 }
 
@@ -753,15 +947,28 @@ void ZaffaMap<Key, Value>::init(MapDescriptor const& d) {
          ZAFFA_LOG(1, "failed to initialize collection {}: {}", name_, e.what());
          Jorro::throwInvalidInitialize("failed to initialize collection {}", name_);
       }
+      stopWatching();
       descriptor_ = d;
       swapIn(std::move(writer));
+      // A shared writer's shadows connect and acknowledge on its socket.
+      if (d.mode == MapDescriptor::writer) startWatching();
       return;
    }
-   // A reader waits for its writer behind a dummy; attach() replaces it.
+   // A reader waits for its writer behind a dummy; the sentry calls attach()
+   // when the writer's files appear, at once if they are there.
+   stopWatching();
    descriptor_ = d;
    swapIn(std::make_unique<ZaffaDummy<Key, Value>>(name_, rootPathFor(d), "waiting for writer",
                                                   MountStatus::waiting));
-   tryAttach();
+   try {
+      startWatching();
+   } catch (...) {
+      // A root that cannot be watched leaves the map initialisable again.
+      stopWatching();
+      descriptor_.reset();
+      installDummy("sentry failed");
+      throw;
+   }
 }
 
 template <typename Key, typename Value>
@@ -792,10 +999,10 @@ bool ZaffaMap<Key, Value>::attach(std::string const& event) {
       notify.mountStatus = [this] {
          if (callbacks_.mountStatus) callbacks_.mountStatus();
       };
-      // The shadow stays in place, detached; the next tryAttach initialises
-      // it again.
+      // The shadow has detached itself and stays in place with its copy;
+      // the sentry attaches it again when a writer writes the fenix file.
       notify.disconnected = [this] { ZAFFA_LOG(3, "{} writer gone, waiting for it", name_); };
-      auto state = std::make_unique<ZaffaShadowState<Key, Value>>(root, std::move(notify), name_);
+      auto state = std::make_unique<ZaffaShadowState<Key, Value>>(root, std::move(notify), name_, scheduler());
       if (!state->initialize(event)) {
          ZAFFA_LOG(1, "initialize failed for {}", name_);
          return false;
@@ -818,7 +1025,7 @@ bool ZaffaMap<Key, Value>::poll() {
    auto* shadow = dynamic_cast<ZaffaShadowState<Key, Value>*>(impl_.get());
    if (!shadow) return true;
    try {
-      if (!shadow->connected()) tryAttach();
+      if (shadow->mountStatus() != MountStatus::mounted) tryAttach();
       return shadow->poll();
    } catch (Jorro::CorruptionDetectedException const& e) {
       doCorruptionDetected(e.what());
@@ -829,7 +1036,7 @@ template <typename Key, typename Value>
 bool ZaffaMap<Key, Value>::tryAttach() {
    if (!descriptor_ || orphan_) return false;
    if (descriptor_->mode != MapDescriptor::reader && descriptor_->mode != MapDescriptor::shadow) return false;
-   if (impl_->connected()) return true;
+   if (impl_->mountStatus() == MountStatus::mounted) return true;
    Mem::RootPath const root(rootPathFor(*descriptor_));
    if (::access(root.file(FileNames::fenix).c_str(), F_OK) != 0) return false;
    return attach("tryAttach");
@@ -856,7 +1063,104 @@ void ZaffaMap<Key, Value>::installDummy(std::string const& event) {
 template <typename Key, typename Value>
 void ZaffaMap<Key, Value>::orphanIs() {
    orphan_ = true;
+   stopWatching();
    installDummy("orphan");
+}
+
+template <typename Key, typename Value>
+void ZaffaMap<Key, Value>::watchIntervalIs(double seconds) {
+   watchInterval_ = seconds;
+   if (watchTask_) watchTask_->intervalIs(seconds);
+}
+
+template <typename Key, typename Value>
+void ZaffaMap<Key, Value>::startWatching() {
+   bool const reader = descriptor_ &&
+                       (descriptor_->mode == MapDescriptor::reader || descriptor_->mode == MapDescriptor::shadow);
+   if (!watchTask_) {
+      watchTask_ = Vor::Ptr<DescriptorWatchTask>(new DescriptorWatchTask(
+         scheduler(), Vor::String(name_ + " watch"), [this] { return watches(); }, watchInterval_));
+   }
+   if (reader && !sentry_) {
+      sentry_ = std::make_unique<Mem::ReaderSentry>(
+         Mem::RootPath(rootPathFor(*descriptor_)),
+         [this](Mem::ReaderSentry::Event e, SharedMem::FenixId fenix) { handleSentry(e, fenix); });
+      sentry_->taskSchedulerIs(scheduler());
+      sentry_->start();
+   }
+   watchTask_->start();
+}
+
+template <typename Key, typename Value>
+void ZaffaMap<Key, Value>::stopWatching() {
+   if (watchTask_) watchTask_->stop();
+   watchTask_ = nullptr;
+   sentry_.reset();
+}
+
+template <typename Key, typename Value>
+std::vector<DescriptorWatchTask::Watch> ZaffaMap<Key, Value>::watches() {
+   std::vector<DescriptorWatchTask::Watch> w;
+   if (sentry_ && sentry_->fd() >= 0) {
+      w.push_back({sentry_->fd(), [this] {
+                      if (sentry_) sentry_->handleReadable();
+                   }});
+   }
+   if (auto* shadow = shadowState(); shadow && shadow->shadow().jolt().fd() >= 0) {
+      w.push_back({shadow->shadow().jolt().fd(), [this] {
+                      if (auto* s = shadowState()) s->shadow().jolt().handleReadable();
+                   }});
+   }
+   if (impl_->type() == ImplType::writer) {
+      auto* writer = static_cast<ZaffaWriterState<Key, Value>*>(impl_.get());
+      if (writer->jolt() && writer->jolt()->fd() >= 0) {
+         w.push_back({writer->jolt()->fd(), [this] {
+                         if (impl_->type() != ImplType::writer) return;
+                         auto* jolt = static_cast<ZaffaWriterState<Key, Value>*>(impl_.get())->jolt();
+                         if (jolt) jolt->handleReadable();
+                      }});
+      }
+   }
+   return w;
+}
+
+template <typename Key, typename Value>
+void ZaffaMap<Key, Value>::handleSentry(Mem::ReaderSentry::Event event, SharedMem::FenixId fenix) {
+   if (orphan_ || !descriptor_) return;
+   std::string const what = Mem::ReaderSentry::toString(event);
+   ZAFFA_LOG(5, "{} sentry {} fenixId:{}", name_, what, fenix.toString());
+   switch (event) {
+   case Mem::ReaderSentry::Event::writerAppeared:
+      // A writer that (re)attached, maybe to a new generation: attach again;
+      // a shadow reports exactly the keys that differ from its copy.
+      try {
+         attach(what);
+      } catch (Jorro::CorruptionDetectedException const& e) {
+         doCorruptionDetected(e.what());
+      }
+      return;
+   case Mem::ReaderSentry::Event::writerGone:
+      handleWriterGone(what);
+      return;
+   case Mem::ReaderSentry::Event::contactAppeared:
+      // The writer listens now; a shadow that attached before it did
+      // connects its wake-ups and takes what it missed meanwhile.
+      if (auto* shadow = shadowState(); shadow && shadow->mountStatus() == MountStatus::mounted) {
+         shadow->shadow().connectJolt();
+      }
+      return;
+   }
+}
+
+template <typename Key, typename Value>
+void ZaffaMap<Key, Value>::handleWriterGone(std::string const& event) {
+   if (auto* shadow = shadowState()) {
+      if (shadow->mountStatus() == MountStatus::mounted) shadow->shadow().handleDisconnect();
+      return;
+   }
+   if (impl_->type() == ImplType::reader) {
+      swapIn(std::make_unique<ZaffaDummy<Key, Value>>(name_, rootPathFor(*descriptor_), event, MountStatus::waiting));
+   }
 }
 
 template <typename Key, typename Value>
@@ -881,6 +1185,7 @@ void ZaffaMap<Key, Value>::detach(bool doCleanup) {
 
 template <typename Key, typename Value>
 void ZaffaMap<Key, Value>::controlDetach() {
+   stopWatching();
    impl_->detach(false);
    descriptor_.reset();
    installDummy("controlDetach");
