@@ -316,10 +316,15 @@ void ZaffaWriter<Key, Value>::attach() {
    }
    Util::removeCorruptionMarker(root_);
    if (!local()) {
+      // The fenix file is what readers wait for (their sentry wakes on its
+      // write), so it is written only once the owner file's lock is released:
+      // a reader woken by it must find the files open to it. A reader that
+      // attaches between the two steps reads the old generation in the fenix
+      // file, fails the slot header's check, and attaches at the write.
+      ownerFile_->unlock();
       if (!fenixFile_->write(fenix_)) {
          Jorro::throwInvalidInitialize("cannot write fenix file {}", fenixFile_->path());
       }
-      ownerFile_->unlock();
    }
    ZAFFA_LOG(3, "success {} capacity:{} fenixId:{} mtime:{} shocketInfo:{}", root_.dir(), capacity(),
              fenix_.toString(), fenixFile_ ? static_cast<long>(fenixFile_->mtime()) : 0L,
