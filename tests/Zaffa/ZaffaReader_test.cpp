@@ -176,13 +176,24 @@ TEST(ZaffaReader, FaultsThatSurviveTheRecheckAreCorruption) {
    };
 
    // A key whose stored bytes changed (so its hash no longer fits its chain),
-   // with its sequence untouched, as a stray store would leave it.
+   // with its sequence untouched, as a stray store would leave it. The seed
+   // is random, and the reader accepts a key in its bucket under numBuckets
+   // and under numBuckets / 2 (one join behind): pick a damage whose hash fits
+   // neither, or the stray store would be indistinguishable from a resize.
    auto p = placeOf(3);
    ASSERT_TRUE(p.hit);
    Zaffa::RawSlot s3 = w.slotTable().slot(p.slot);
    TestValue saved;
    std::memcpy(&saved, s3.value(), sizeof saved);
-   reinterpret_cast<TestValue*>(s3.value())->key.pad[1] ^= 0x5555;
+   U32 const half = r.buckets().numBuckets() / 2;
+   ASSERT_GE(half, 2u);
+   U64 damage = 0x5555;
+   for (;; ++damage) {
+      TestKey k = saved.key;
+      k.pad[1] ^= damage;
+      if ((k.hash(seed) & (half - 1)) != (p.bucket & (half - 1))) break;
+   }
+   reinterpret_cast<TestValue*>(s3.value())->key.pad[1] ^= damage;
    expectCorruption(3, "corrupt key detected. key:");
    std::memcpy(s3.value(), &saved, sizeof saved);
 
