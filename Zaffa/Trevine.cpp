@@ -4,7 +4,10 @@
 #include "framework/VorTrace.h"
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstring>
+#include <sched.h>
 #include <unistd.h>
 
 VOR_TRACE_HANDLE("ZaffaTrevine");
@@ -252,18 +255,42 @@ void TrevineWriterBase::cleanup() {
 namespace Trevine {
 
 bool TrevineReaderBase::attach(U32 fenix, std::string& message) {
-   detach();
-   lastSeq_ = 0;
-   std::string error;
-   if (!file_.open(path_, Mem::MappedFile::Mode::readOnly, error)) {
-      message = fmt::format("cannot attach to shmem {} size:{}: {}", path_, 0, error);
-      return false;
-   }
-   if (!view().validate(file_.size(), fenix, 0, message)) {
+   // A live writer compacts the records or lays the file out anew (growing
+   // it) whenever it needs to, with swapCount odd meanwhile; a validation
+   // that overlaps one sees records out of order, an odd swapCount, or a
+   // capacity beyond the size we mapped. Those are not faults of the file:
+   // map it again and look once more, for as long as a writer that is
+   // merely descheduled in the middle of a swap could take. A fault that
+   // stays while swapCount stays even and unchanged is the file's.
+   auto const deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
+   for (unsigned attempt = 0;; ++attempt) {
       detach();
-      return false;
+      lastSeq_ = 0;
+      std::string error;
+      if (!file_.open(path_, Mem::MappedFile::Mode::readOnly, error)) {
+         message = fmt::format("cannot attach to shmem {} size:{}: {}", path_, 0, error);
+         return false;
+      }
+      if (file_.size() < sizeof(TrevineHeader)) {
+         message = fmt::format("trevine file size:{} below header", file_.size());
+         detach();
+         return false;
+      }
+      U32 const before = swapCount();
+      bool const valid = view().validate(file_.size(), fenix, 0, message);
+      std::atomic_thread_fence(std::memory_order_acquire);
+      if (valid) return true;
+      bool const moving = (before & 1) != 0 || swapCount() != before;
+      if (!moving || std::chrono::steady_clock::now() >= deadline) {
+         detach();
+         return false;
+      }
+      if (attempt < 64) {
+         ::sched_yield();
+      } else {
+         ::usleep(1000);
+      }
    }
-   return true;
 }
 
 U32 TrevineReaderBase::firstAfter(U64 seq, U32 size) const {

@@ -203,6 +203,8 @@ class TrevineReaderBase {
 
    explicit TrevineReaderBase(std::string path) : path_(std::move(path)) {}
    // Maps the file read-only and validates it against `fenix` (0: any).
+   // A validation that overlapped the writer moving records is tried again
+   // (bounded), so a live writer's compactions and growth do not fail it.
    // False with the fault in `message`.
    bool attach(U32 fenix, std::string& message);
    void detach() { file_.close(); }
