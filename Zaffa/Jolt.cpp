@@ -108,12 +108,33 @@ void WriterJoltSm::doEnableListen() {
    };
    listenFd_ = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
    if (listenFd_ < 0) fail("socket");
-   // The writer lock makes us the only writer, so a socket left at the path
-   // belongs to a writer that is gone.
-   ::unlink(socketPath_.c_str());
-   if (::bind(listenFd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) fail("bind");
+   // Readers' sentries take the socket's appearance at its path as the sign
+   // to connect, so it must be listening by then: a connect between bind()
+   // and listen() is refused, and nothing would tell the reader to try
+   // again. Bind under a private name, listen, then rename into place.
+   // The writer lock makes us the only writer, so a socket left at either
+   // path belongs to a writer that is gone.
+   std::string const bound = socketPath_ + ".new";
+   sockaddr_un boundAddr;
+   if (!socketAddress(bound, boundAddr)) {
+      closeAll();
+      Jorro::throwInvalidInitialize("cannot listen on {}: {}", bound, "path too long or empty");
+   }
+   ::unlink(bound.c_str());
+   if (::bind(listenFd_, reinterpret_cast<sockaddr*>(&boundAddr), sizeof boundAddr) != 0) fail("bind");
+   if (::listen(listenFd_, 64) != 0) {
+      int const e = errno;
+      ::unlink(bound.c_str());
+      errno = e;
+      fail("listen");
+   }
+   if (::rename(bound.c_str(), socketPath_.c_str()) != 0) {
+      int const e = errno;
+      ::unlink(bound.c_str());
+      errno = e;
+      fail("rename");
+   }
    socketInode_ = inodeOf(socketPath_);
-   if (::listen(listenFd_, 64) != 0) fail("listen");
    epollFd_ = ::epoll_create1(EPOLL_CLOEXEC);
    if (epollFd_ < 0) fail("epoll_create1");
    epoll_event ev{};

@@ -27,6 +27,16 @@ bool exists(std::string const& path) {
    return ::lstat(path.c_str(), &st) == 0;
 }
 
+// Every write of the fenix file renames a newly created file into place, so
+// a new inode (with a new change time) marks each write.
+ReaderSentry::FenixWrite fenixWriteOf(std::string const& path) {
+   struct stat st;
+   if (::stat(path.c_str(), &st) != 0) return {};
+   return ReaderSentry::FenixWrite{static_cast<U64>(st.st_dev), static_cast<U64>(st.st_ino),
+                                   static_cast<U64>(st.st_ctim.tv_sec) * 1000000000ull +
+                                      static_cast<U64>(st.st_ctim.tv_nsec)};
+}
+
 } // namespace
 
 ReaderSentry::ReaderSentry(RootPath root, Callback callback) : root_(std::move(root)), callback_(std::move(callback)) {
@@ -67,9 +77,11 @@ void ReaderSentry::start() {
       throw;
    }
    SharedMem::FenixId fenix;
-   if (filesPresent(fenix)) {
+   FenixWrite write;
+   if (filesPresent(fenix, write)) {
       present_ = true;
       fenix_ = fenix;
+      fenixWrite_ = write;
       report(Event::writerAppeared);
    }
 }
@@ -111,7 +123,10 @@ void ReaderSentry::handleReadable() {
    }
 }
 
-bool ReaderSentry::filesPresent(SharedMem::FenixId& fenix) const {
+bool ReaderSentry::filesPresent(SharedMem::FenixId& fenix, FenixWrite& write) const {
+   // Taken before the contents: if the file is replaced in between, we hold
+   // the older write's identity, and the newer write's event reports again.
+   write = fenixWriteOf(root_.file(Zaffa::FileNames::fenix));
    auto id = SharedMem::FenixFile(root_.file(Zaffa::FileNames::fenix)).read();
    if (!id || id->value == 0 || !exists(root_.file(Zaffa::FileNames::slots))) return false;
    fenix = *id;
@@ -162,10 +177,16 @@ void ReaderSentry::service() {
       if (!wasRoot && watchingRoot_) contactCreated = true;
    }
    SharedMem::FenixId fenix;
-   bool const present = filesPresent(fenix);
-   if (present && (!present_ || fenixWritten || !(fenix == fenix_))) {
+   FenixWrite write;
+   bool const present = filesPresent(fenix, write);
+   // The files are looked at after the events were read, so a write whose
+   // event was still on its way can already have been reported on the state
+   // it left: its event then finds the same write, and is not reported
+   // twice.
+   if (present && (!present_ || (fenixWritten && !(write == fenixWrite_)) || !(fenix == fenix_))) {
       present_ = true;
       fenix_ = fenix;
+      fenixWrite_ = write;
       report(Event::writerAppeared);
    } else if (!present && present_) {
       present_ = false;

@@ -18,13 +18,18 @@
 // Events, at most one per service() call, decided on the state after all
 // pending inotify events were read (so a burst of file operations is one
 // report):
-//   writerAppeared   the files are there and the fenix file was (re)written,
-//                    or they were not there at the last report;
+//   writerAppeared   the files are there and the fenix file was (re)written
+//                    since the write last reported, or they were not there
+//                    at the last report; each write is reported once;
 //   writerGone       they were there and are not any more (removed, or the
 //                    root directory went);
 //   contactAppeared  the writer's socket was (re)created while its files
 //                    stay: a reader that could not connect its wake-ups
 //                    should try again.
+// An owner whose attach on writerAppeared is refused because a writer is
+// attaching (it holds the owner file's lock) need not retry on a timer: that
+// writer writes the fenix file after it releases the lock, and the write is
+// reported as writerAppeared.
 // A writer that dies without removing its files is not seen here: its
 // readers learn of it from the closed wake-up connection
 // (Jolt::ReaderJoltSm).
@@ -86,10 +91,20 @@ class ReaderSentry {
 
    static char const* toString(Event e);
 
+   // Tells one write of the fenix file from another (see the .cpp).
+   struct FenixWrite {
+      U64 device = 0;
+      U64 inode = 0;
+      U64 changeNanoseconds = 0;
+      bool operator==(FenixWrite const&) const = default;
+   };
+
  private:
    // Watches the root, or its nearest existing ancestor. Raises on failure.
    void arm();
-   bool filesPresent(SharedMem::FenixId& fenix) const;
+   // The writer's files are there; their fenix id, and which write of the
+   // fenix file it came from.
+   bool filesPresent(SharedMem::FenixId& fenix, FenixWrite& write) const;
    void report(Event e);
 
    RootPath root_;
@@ -101,6 +116,7 @@ class ReaderSentry {
    std::string watchedDir_;
    bool present_ = false;
    SharedMem::FenixId fenix_;
+   FenixWrite fenixWrite_;   // the write of the fenix file last reported
    Vor::Ptr<Jolt::ServiceTask> task_;
 };
 

@@ -345,13 +345,17 @@ TEST(Jolt, ShadowInAChildProcessFollowsItsWriterByWakeUpsAndSentryAlone) {
       Jolt::WriterJoltSm wj(root + "/" + Zaffa::FileNames::jolt, w.trevine());
       wj.doEnableListen();
       // The child attaches on the fenix file and connects on the socket.
+      // A reader that connects drains once on its own and acknowledges; wait
+      // for that, or a first batch written before it would be taken by that
+      // drain without a wake-up.
       auto const until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-      while (wj.readers() == 0 && std::chrono::steady_clock::now() < until) {
+      while ((wj.readers() == 0 || wj.counters().acks == 0) && std::chrono::steady_clock::now() < until) {
          pollfd p{wj.fd(), POLLIN, 0};
          ::poll(&p, 1, 100);
          wj.service();
       }
       ASSERT_EQ(wj.readers(), 1u);
+      ASSERT_EQ(wj.counters().acks, 1u);
       for (U32 b = 1; b <= batches; ++b) {
          writeBatch(w, model, b, b * 7, b * 7 + 40);
          for (U64 id = (b - 1) * 7; id < b * 7; ++id) {
