@@ -1002,12 +1002,14 @@ bool ZaffaMap<Key, Value>::attach(std::string const& event) {
       // The shadow has detached itself and stays in place with its copy;
       // the sentry attaches it again when a writer writes the fenix file.
       notify.disconnected = [this] { ZAFFA_LOG(3, "{} writer gone, waiting for it", name_); };
-      auto state = std::make_unique<ZaffaShadowState<Key, Value>>(root, std::move(notify), name_, scheduler());
-      if (!state->initialize(event)) {
+      // In place before it synchronises: the owner, told of each key,
+      // looks the key up through this map and must find the shadow's copy.
+      swapIn(std::make_unique<ZaffaShadowState<Key, Value>>(root, std::move(notify), name_, scheduler()));
+      if (!shadowState()->initialize(event)) {
          ZAFFA_LOG(1, "initialize failed for {}", name_);
+         swapIn(std::make_unique<ZaffaDummy<Key, Value>>(name_, root, "initialize failed", MountStatus::waiting));
          return false;
       }
-      swapIn(std::move(state));
       return true;
    }
    auto state = std::make_unique<ZaffaReaderState<Key, Value>>(root, name_);
