@@ -63,8 +63,8 @@
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
-#include <map>
 #include <new>
+#include <unordered_map>
 
 namespace Zaffa {
 
@@ -304,7 +304,14 @@ class ZaffaShadow {
    bool notifying_ = true;
    bool synced_ = false;
    U32 seed_ = 0;   // the hash seed of the store's chains
-   std::map<Key, Value> pending_;
+   // Keyed by the table's own notion of a key, its hash and equality: a
+   // key's ordering, if it has one, need not tell apart keys that the table
+   // holds separately, and an ordered map would then keep only one of them
+   // and lose the others' reports.
+   struct KeyHash {
+      std::size_t operator()(Key const& key) const { return key.hash(0); }
+   };
+   std::unordered_map<Key, Value, KeyHash> pending_;
    ShadowCounters counters_;
    // Last: its hooks reach the members above.
    Jolt::ReaderJoltSm jolt_;

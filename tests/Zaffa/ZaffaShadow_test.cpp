@@ -1,7 +1,8 @@
 // Shadows that follow a writer through the notification queue: both stores,
 // convergence under growth, compaction and bucket changes, the report of
 // every changed key, a shadow that starts before its writer, a writer that is
-// replaced by a new generation, and a notification beyond the shared table.
+// replaced by a new generation, a notification beyond the shared table, and
+// keys whose order does not tell them all apart.
 
 #include "Zaffa/ZaffaShadow.h"
 #include "tests/Zaffa/ZaffaTestTypes.h"
@@ -206,4 +207,80 @@ TEST(ZaffaShadow, LaggingShadowConvergesAcrossShrinksAndQueueCompactions) {
    }
    if (bad) { ADD_FAILURE() << "seed " << seed << " bad " << bad << " members " << shadow.members() << " vs " << w.members(); break; }
    }
+}
+
+namespace {
+
+// A key whose order ignores one of its fields, as some do (a connection's
+// filter positions are equal in order but distinct in the table).
+struct PositionedKey {
+   U64 connection = 0;
+   U32 position = 0;
+   U32 pad = 0;
+   U32 hash(U32 seed) const { return Vor::hashBytes(seed, this, sizeof *this); }
+   bool operator==(PositionedKey const&) const = default;
+   bool operator<(PositionedKey const& o) const { return connection < o.connection; }
+   std::string stringValue() const { return fmt::format("PositionedKey({}, {})", connection, position); }
+};
+
+struct PositionedValue {
+   PositionedKey key;
+   U64 data = 0;
+   static PositionedValue of(U32 position, U64 data) { return PositionedValue{PositionedKey{7, position, 0}, data}; }
+};
+
+} // namespace
+
+TEST(ZaffaShadow, ReportsEveryRemovedKeyThatTheKeyOrderDoesNotTellApart) {
+   using Shadow = Zaffa::ZaffaShadow<PositionedKey, PositionedValue>;
+   using PWriter = Zaffa::ZaffaWriter<PositionedKey, PositionedValue>;
+   TempDir dir;
+   // Per report, what a lookup found at that moment: the owner's copy.
+   std::map<U32, U64> mirror;
+   Shadow* shadow = nullptr;
+   Shadow s(Mem::RootPath(dir.path()),
+            Mem::Notify<PositionedKey, PositionedValue>{[&](PositionedKey const& k) {
+                                                           PositionedValue v;
+                                                           if (shadow->lookup(k, v)) {
+                                                              mirror[k.position] = v.data;
+                                                           } else {
+                                                              mirror.erase(k.position);
+                                                           }
+                                                        },
+                                                        {}, {}, {}});
+   shadow = &s;
+   std::map<U32, U64> table;
+   {
+      PWriter w(config(dir.path()));
+      w.attach();
+      for (U32 p = 0; p < 12; ++p) {
+         w.write(PositionedValue::of(p, 100 + p), true);
+         table[p] = 100 + p;
+      }
+      ASSERT_TRUE(s.initialize("sentry"));
+      EXPECT_EQ(mirror, table);
+
+      // Several removals taken in one pass.
+      for (U32 p = 8; p < 12; ++p) {
+         PositionedValue old;
+         ASSERT_TRUE(w.remove(PositionedValue::of(p, 0).key, old));
+         table.erase(p);
+      }
+      ASSERT_TRUE(s.poll());
+      EXPECT_EQ(mirror, table);
+      w.cleanup();
+   }
+   s.handleDisconnect();
+
+   // A new generation holding fewer of them, with other values.
+   PWriter w2(config(dir.path()));
+   w2.attach();
+   table.clear();
+   for (U32 p = 0; p < 3; ++p) {
+      w2.write(PositionedValue::of(p, 1000 + p), true);
+      table[p] = 1000 + p;
+   }
+   ASSERT_TRUE(s.initialize("sentry"));
+   EXPECT_EQ(s.members(), 3u);
+   EXPECT_EQ(mirror, table);
 }
