@@ -4,7 +4,7 @@
 #include <optional>
 
 #include "framework/AclPortSpec.h"
-#include "framework/LumetRangeMaskGen.h"
+#include "UloNat/UloNatAclTypes.h"
 #include "framework/UloAssert.h"
 #include "framework/VorTrace.h"
 
@@ -21,7 +21,6 @@ namespace UloHelper {
 
 namespace {
 // The most port ranges one side of a trap filter may need.
-constexpr int maxPortRanges = 11;
 } // namespace
 
 enum class UloHelperNat::Operation : U8 {
@@ -449,35 +448,16 @@ bool UloHelperNat::addProtocolTrapRules(Vor::String aclName,
                                         Vor::Ptr<Ip::Nat::NatDynamicTrapRule const> trapRule,
                                         Ip::Nat::NatTrapFilter const& filter) {
    Ip::Nat::NatDynamicTrapRule const& rule = *trapRule;
-   using Pairs = std::vector<Lumet::RangeMask<U16>>;
-   // Turns one side's port specification into ranges and each range into
-   // its value-and-mask pairs. A specification that matches any port is one
-   // pseudo-range whose only pair matches everything (value and mask 0).
-   // Returns the negative count of portSpecToRanges on error.
-   auto expand = [](Acl::PortSpec const& spec, std::vector<Acl::U16FieldRange>& ranges,
-                    std::vector<Pairs>& pairs) -> int {
-      Acl::U16FieldRange buffer[maxPortRanges];
-      int const count = Acl::portSpecToRanges(buffer, maxPortRanges, spec);
-      if (count < 0) return count;
-      if (count == 0) {
-         ranges.push_back(Acl::U16FieldRange{0, 0});
-         pairs.push_back(Pairs{Lumet::RangeMask<U16>{0, 0, 0}});
-         return count;
-      }
-      for (int i = 0; i < count; ++i) {
-         ranges.push_back(buffer[i]);
-         pairs.push_back(Lumet::RangeMaskGen<U16>::pairs(buffer[i].low, buffer[i].high));
-      }
-      return count;
-   };
-
+   // Each side's ports as ranges, and each range as value-and-mask pairs;
+   // ports that match anything give one pseudo-range whose only pair has
+   // value and mask 0. A negative count is the expansion's error.
    std::vector<Acl::U16FieldRange> srcRanges;
-   std::vector<Pairs> srcVect;
-   int const srcCount = expand(filter.srcPortSpec(), srcRanges, srcVect);
+   std::vector<std::vector<Ulo::NatPortValueMask>> srcVect;
+   int const srcCount = Ulo::natPortSpecValueMasks(filter.srcPortSpec(), srcRanges, srcVect);
    if (srcCount < 0) return srcCount;
    std::vector<Acl::U16FieldRange> dstRanges;
-   std::vector<Pairs> dstVect;
-   int const dstCount = expand(filter.dstPortSpec(), dstRanges, dstVect);
+   std::vector<std::vector<Ulo::NatPortValueMask>> dstVect;
+   int const dstCount = Ulo::natPortSpecValueMasks(filter.dstPortSpec(), dstRanges, dstVect);
    if (dstCount < 0) return dstCount;
 
    VOR_TRACE(6, "Sports: " << filter.srcPortSpec().stringValue());

@@ -336,8 +336,8 @@ class UloHelperNat : public Ulo::UloBaseHelper {
 
    // Expands one filter with a protocol into addProtocolTrapRule calls, one
    // per combination of source and destination port value-and-mask pairs.
-   // Ordinary sense: true when all were taken. A port specification that
-   // cannot be turned into ranges ends it at once with true.
+   // Ordinary sense: true when all were taken. Ports that cannot be turned
+   // into ranges ends it at once with true.
    bool addProtocolTrapRules(Vor::String aclName, Vor::Ptr<Ip::Nat::NatDynamicTrapRule const> trapRule,
                              Ip::Nat::NatTrapFilter const& filter);
 

@@ -78,13 +78,13 @@ NatTrapAcl const* NatTrapConfig::trapAcl(NatTrapKey const& key) const {
 // ---------------------------------------------------------------------------
 // Port expansion
 
-int natPortSpecValueMasks(Acl::PortSpec const& spec, std::vector<Acl::U16FieldRange>& ranges,
+int natPortSpecValueMasks(Acl::PortSpec const& portSpec, std::vector<Acl::U16FieldRange>& ranges,
                           std::vector<std::vector<NatPortValueMask>>& pairs) {
    constexpr int maxRanges = 11;
    ranges.clear();
    pairs.clear();
    Acl::U16FieldRange buffer[maxRanges];
-   int count = Acl::portSpecToRanges(buffer, maxRanges, spec);
+   int count = Acl::portSpecToRanges(buffer, maxRanges, portSpec);
    if (count < 0) return count;
    if (count == 0) {
       // Any port: one "range" whose one pair matches everything.

@@ -159,7 +159,7 @@ class NatTrapRule {
 
    // The rule of one filter: its addresses, protocol and ports, and permit
    // unless the filter denies. A filter's service port (a single port with no
-   // port spec) becomes an "eq" spec, so one form describes both.
+   // port list) becomes an "eq" list, so one form describes both.
    static NatTrapRule fromFilter(Ip::Nat::NatTrapFilter const& filter);
 
    Lumet::IpAddrWithFullMask srcIpAndMask() const { return srcIpAndMask_; }
@@ -236,12 +236,12 @@ constexpr U32 natTrapFilterSequence(U32 seqNum) { return seqNum + 2; }
 // The value/mask pairs of one port range.
 using NatPortValueMask = Lumet::RangeMask<U16>;
 
-// Turns `spec` into port ranges (at most 11) and each range into its
-// value/mask pairs. A spec that matches any port gives one range 0..0 with
+// Turns `portSpec` into port ranges (at most 11) and each range into its
+// value/mask pairs. Ports that match anything give one range 0..0 with
 // the single pair {0, 0, mask 0}, so that callers loop over it like any
 // other. Returns the number of ranges, or the negative result of
 // Acl::portSpecToRanges with `ranges` and `pairs` empty.
-int natPortSpecValueMasks(Acl::PortSpec const& spec, std::vector<Acl::U16FieldRange>& ranges,
+int natPortSpecValueMasks(Acl::PortSpec const& portSpec, std::vector<Acl::U16FieldRange>& ranges,
                           std::vector<std::vector<NatPortValueMask>>& pairs);
 
 // One single hardware rule's port match.

@@ -97,11 +97,11 @@ U32 PortSpec::hash(U32 seed) const {
    return Vor::hashFinish(h);
 }
 
-int portSpecToRanges(U16FieldRange* ranges, int maxRanges, PortSpec const& spec) {
-   auto const& ports = spec.ports();
-   if (!portsFit(spec.op(), ports.size())) return portSpecMalformed;
+int portSpecToRanges(U16FieldRange* ranges, int maxRanges, PortSpec const& portSpec) {
+   auto const& ports = portSpec.ports();
+   if (!portsFit(portSpec.op(), ports.size())) return portSpecMalformed;
    int count = 0;
-   switch (spec.op()) {
+   switch (portSpec.op()) {
    case PortSpec::any:
       return 0;
    case PortSpec::eq: {
@@ -142,7 +142,7 @@ int portSpecToRanges(U16FieldRange* ranges, int maxRanges, PortSpec const& spec)
       if (!appendRange(ranges, maxRanges, count, ports[0], ports[1])) return portSpecTooManyRanges;
       break;
    }
-   // A spec that covers every port is "any" to hardware.
+   // A portSpec that covers every port is "any" to hardware.
    if (count == 1 && ranges[0].low == 0 && ranges[0].high == 65535) return 0;
    return count;
 }
