@@ -9,10 +9,6 @@ namespace {
 // The smallest filter address, to start a range of one connection's entries.
 Lumet::IpAddrWithFullMask const lowestFilter{};
 
-U64 nextHopIdOf(Vor::Ptr<Ulo::NatNextHopInfo const> const& nextHop) {
-   return Ulo::natHwNextHopId(nextHop);
-}
-
 } // namespace
 
 bool ChipEntryKey::operator<(ChipEntryKey const& o) const {
@@ -189,15 +185,27 @@ bool SimNatHelper::commitHwTranslations() {
 
 // ---- single-address static operations ----
 
+bool SimNatHelper::putStatic(ChipEntryKey::Kind kind, Lumet::IpAndPort const& oldIpAndPort,
+                             Lumet::IpAndPort const& newIpAndPort,
+                             Lumet::IpAddrWithFullMask const& filterAddress, U8 protocol, U16 vlan,
+                             Ip::Nat::StaticKey const& staticKey,
+                             Vor::Ptr<Ulo::NatNextHopInfo const> const& nextHop,
+                             Vor::Ptr<Ulo::NatMulticastData const> const& multicastInfo,
+                             bool forward, Ulo::VrfId vrfId, bool isUpdate) {
+   ChipEntry const entry{oldIpAndPort, newIpAndPort, protocol, vlan, forward, Ulo::natHwNextHopId(nextHop),
+                         multicastInfo && multicastInfo->multicast()};
+   return put(ChipEntryKey{kind, vrfId, vlan, staticKey, filterAddress}, entry, isUpdate);
+}
+
 bool SimNatHelper::addStaticSrcIpTranslation(Lumet::IpAndPort const& oldIpAndPort,
                                              Lumet::IpAndPort const& newIpAndPort,
                                              Lumet::IpAddrWithFullMask const& filterAddress,
                                              U8 protocol, U16 vlan,
                                              Ip::Nat::StaticKey const& staticKey, bool forward,
                                              Ulo::VrfId vrfId) {
-   ChipEntry const entry{oldIpAndPort, newIpAndPort, protocol, vlan, forward, 0, false};
-   return put(ChipEntryKey{ChipEntryKey::Kind::staticSrc, vrfId, vlan, staticKey, filterAddress}, entry,
-              false);
+   // A source add carries neither next hop nor multicast data.
+   return putStatic(ChipEntryKey::Kind::staticSrc, oldIpAndPort, newIpAndPort, filterAddress, protocol,
+                    vlan, staticKey, nullptr, nullptr, forward, vrfId, false);
 }
 
 bool SimNatHelper::addStaticDstIpTranslation(Lumet::IpAndPort const& oldIpAndPort,
@@ -208,10 +216,8 @@ bool SimNatHelper::addStaticDstIpTranslation(Lumet::IpAndPort const& oldIpAndPor
                                              Vor::Ptr<Ulo::NatNextHopInfo const> nextHop,
                                              Vor::Ptr<Ulo::NatMulticastData const> multicastInfo,
                                              bool forward, Ulo::VrfId vrfId) {
-   ChipEntry const entry{oldIpAndPort, newIpAndPort, protocol, vlan, forward, nextHopIdOf(nextHop),
-                         multicastInfo && multicastInfo->multicast()};
-   return put(ChipEntryKey{ChipEntryKey::Kind::staticDst, vrfId, vlan, staticKey, filterAddress}, entry,
-              false);
+   return putStatic(ChipEntryKey::Kind::staticDst, oldIpAndPort, newIpAndPort, filterAddress, protocol,
+                    vlan, staticKey, nextHop, multicastInfo, forward, vrfId, false);
 }
 
 bool SimNatHelper::updateStaticDstIpTranslation(Lumet::IpAndPort const& oldIpAndPort,
@@ -222,10 +228,8 @@ bool SimNatHelper::updateStaticDstIpTranslation(Lumet::IpAndPort const& oldIpAnd
                                                 Vor::Ptr<Ulo::NatNextHopInfo const> nextHop,
                                                 Vor::Ptr<Ulo::NatMulticastData const> multicastInfo,
                                                 bool forward, Ulo::VrfId vrfId) {
-   ChipEntry const entry{oldIpAndPort, newIpAndPort, protocol, vlan, forward, nextHopIdOf(nextHop),
-                         multicastInfo && multicastInfo->multicast()};
-   return put(ChipEntryKey{ChipEntryKey::Kind::staticDst, vrfId, vlan, staticKey, filterAddress}, entry,
-              true);
+   return putStatic(ChipEntryKey::Kind::staticDst, oldIpAndPort, newIpAndPort, filterAddress, protocol,
+                    vlan, staticKey, nextHop, multicastInfo, forward, vrfId, true);
 }
 
 bool SimNatHelper::updateStaticSrcIpTranslation(Lumet::IpAndPort const& oldIpAndPort,
@@ -236,10 +240,8 @@ bool SimNatHelper::updateStaticSrcIpTranslation(Lumet::IpAndPort const& oldIpAnd
                                                 Vor::Ptr<Ulo::NatNextHopInfo const> nextHop,
                                                 Vor::Ptr<Ulo::NatMulticastData const> multicastInfo,
                                                 bool forward, Ulo::VrfId vrfId) {
-   ChipEntry const entry{oldIpAndPort, newIpAndPort, protocol, vlan, forward, nextHopIdOf(nextHop),
-                         multicastInfo && multicastInfo->multicast()};
-   return put(ChipEntryKey{ChipEntryKey::Kind::staticSrc, vrfId, vlan, staticKey, filterAddress}, entry,
-              true);
+   return putStatic(ChipEntryKey::Kind::staticSrc, oldIpAndPort, newIpAndPort, filterAddress, protocol,
+                    vlan, staticKey, nextHop, multicastInfo, forward, vrfId, true);
 }
 
 bool SimNatHelper::deleteStaticSrcIpTranslation(U16 vlan, Ip::Nat::StaticKey const& staticKey,

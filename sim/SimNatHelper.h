@@ -171,6 +171,14 @@ class SimNatHelper : public UloHelper::UloHelperNat {
    bool presentAfterStage(ChipEntryKey const& key) const;
    void stage(StagedOp const& op);
    bool put(ChipEntryKey const& key, ChipEntry const& entry, bool isUpdate);
+   // Builds the entry of one single-address static operation (a null next
+   // hop or multicast data leaves those fields clear) and puts it.
+   bool putStatic(ChipEntryKey::Kind kind, Lumet::IpAndPort const& oldIpAndPort,
+                  Lumet::IpAndPort const& newIpAndPort, Lumet::IpAddrWithFullMask const& filterAddress,
+                  U8 protocol, U16 vlan, Ip::Nat::StaticKey const& staticKey,
+                  Vor::Ptr<Ulo::NatNextHopInfo const> const& nextHop,
+                  Vor::Ptr<Ulo::NatMulticastData const> const& multicastInfo, bool forward,
+                  Ulo::VrfId vrfId, bool isUpdate);
    void eraseAll(ChipEntryKey::Kind kind, U16 vlan, Ip::Nat::StaticKey const& staticKey,
                  Ulo::VrfId vrfId);
 
