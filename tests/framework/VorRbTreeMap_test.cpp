@@ -55,6 +55,14 @@ TEST(RbTreeMap, RandomOperationsMatchStdMap) {
       ++it;
    }
    EXPECT_TRUE(it.done());
+   // The same members walking down from the largest.
+   auto back = m.last();
+   for (auto r = ref.rbegin(); r != ref.rend(); ++r) {
+      ASSERT_FALSE(back.done());
+      EXPECT_EQ(back.key(), r->first);
+      --back;
+   }
+   EXPECT_TRUE(back.done());
    // Bounds against std::map's.
    for (int k = -1; k <= 5001; k += 13) {
       auto lb = m.lowerBound(k);
