@@ -310,36 +310,32 @@ class RbTreeMapGeneric {
 
  private:
    static bool isRed(Node const* n) { return n != nullptr && n->red; }
-   static Node* leftmost(Node* n) {
+   // The walks and the rebalancing come in mirror-image pairs; each pair is
+   // written once, with the side as a parameter: `right` true means the
+   // right side, false the left.
+   static Node*& child(Node* n, bool right) { return right ? n->right : n->left; }
+   // The last node reached from `n` going down one side only.
+   static Node* outermost(Node* n, bool right) {
       if (n != nullptr) {
-         while (n->left != nullptr) n = n->left;
+         while (child(n, right) != nullptr) n = child(n, right);
       }
       return n;
    }
-   static Node* rightmost(Node* n) {
-      if (n != nullptr) {
-         while (n->right != nullptr) n = n->right;
-      }
-      return n;
-   }
-   static Node* successor(Node* n) {
-      if (n->right != nullptr) return leftmost(n->right);
+   static Node* leftmost(Node* n) { return outermost(n, false); }
+   static Node* rightmost(Node* n) { return outermost(n, true); }
+   // The neighbour of `n` in key order: the next key above for `right`,
+   // the next key below otherwise; null at the end.
+   static Node* neighbour(Node* n, bool right) {
+      if (child(n, right) != nullptr) return outermost(child(n, right), !right);
       Node* p = n->parent;
-      while (p != nullptr && n == p->right) {
+      while (p != nullptr && n == child(p, right)) {
          n = p;
          p = p->parent;
       }
       return p;
    }
-   static Node* predecessor(Node* n) {
-      if (n->left != nullptr) return rightmost(n->left);
-      Node* p = n->parent;
-      while (p != nullptr && n == p->left) {
-         n = p;
-         p = p->parent;
-      }
-      return p;
-   }
+   static Node* successor(Node* n) { return neighbour(n, true); }
+   static Node* predecessor(Node* n) { return neighbour(n, false); }
 
    Node* findNode(K const& key) const {
       Node* n = root_;
@@ -391,20 +387,15 @@ class RbTreeMapGeneric {
       return found;
    }
 
-   void rotateLeft(Node* x) {
-      Node* y = x->right;
-      x->right = y->left;
-      if (y->left != nullptr) y->left->parent = x;
+   // Moves `x` down to side `right` of its child on the other side, which
+   // takes x's place: rotate(x, false) is the left rotation.
+   void rotate(Node* x, bool right) {
+      Node* y = child(x, !right);
+      Node* inner = child(y, right);
+      child(x, !right) = inner;
+      if (inner != nullptr) inner->parent = x;
       replaceChild(x, y);
-      y->left = x;
-      x->parent = y;
-   }
-   void rotateRight(Node* x) {
-      Node* y = x->left;
-      x->left = y->right;
-      if (y->right != nullptr) y->right->parent = x;
-      replaceChild(x, y);
-      y->right = x;
+      child(y, right) = x;
       x->parent = y;
    }
    // Puts `v` (possibly null) where `u` hangs from u's parent.
@@ -425,40 +416,23 @@ class RbTreeMapGeneric {
       while (isRed(z->parent)) {
          Node* p = z->parent;
          Node* g = p->parent; // exists: a red node is not the root
-         if (p == g->left) {
-            Node* u = g->right;
-            if (isRed(u)) {
-               p->red = false;
-               u->red = false;
-               g->red = true;
-               z = g;
-            } else {
-               if (z == p->right) {
-                  rotateLeft(p);
-                  z = p;
-                  p = z->parent;
-               }
-               p->red = false;
-               g->red = true;
-               rotateRight(g);
-            }
+         bool const pRight = p == g->right;
+         Node* u = child(g, !pRight);
+         if (isRed(u)) {
+            p->red = false;
+            u->red = false;
+            g->red = true;
+            z = g;
          } else {
-            Node* u = g->left;
-            if (isRed(u)) {
-               p->red = false;
-               u->red = false;
-               g->red = true;
-               z = g;
-            } else {
-               if (z == p->left) {
-                  rotateRight(p);
-                  z = p;
-                  p = z->parent;
-               }
-               p->red = false;
-               g->red = true;
-               rotateLeft(g);
+            if (z == child(p, !pRight)) {
+               // z is an inner grandchild: turn it into an outer one.
+               rotate(p, pRight);
+               z = p;
+               p = z->parent;
             }
+            p->red = false;
+            g->red = true;
+            rotate(g, !pRight);
          }
       }
       root_->red = false;
@@ -500,60 +474,34 @@ class RbTreeMapGeneric {
    // carries an extra black.
    void eraseFixup(Node* x, Node* parent) {
       while (x != root_ && !isRed(x)) {
+         // x may be null, so its side is found by comparing with the left.
+         bool const xRight = x != parent->left;
          // x has a sibling: its side lacks one black, so the other side has
          // at least one node.
-         if (x == parent->left) {
-            Node* w = parent->right;
-            if (isRed(w)) {
-               w->red = false;
-               parent->red = true;
-               rotateLeft(parent);
-               w = parent->right;
-            }
-            if (!isRed(w->left) && !isRed(w->right)) {
-               w->red = true;
-               x = parent;
-               parent = x->parent;
-            } else {
-               if (!isRed(w->right)) {
-                  w->left->red = false;
-                  w->red = true;
-                  rotateRight(w);
-                  w = parent->right;
-               }
-               w->red = parent->red;
-               parent->red = false;
-               w->right->red = false;
-               rotateLeft(parent);
-               x = root_;
-               parent = nullptr;
-            }
+         Node* w = child(parent, !xRight);
+         if (isRed(w)) {
+            w->red = false;
+            parent->red = true;
+            rotate(parent, xRight);
+            w = child(parent, !xRight);
+         }
+         if (!isRed(w->left) && !isRed(w->right)) {
+            w->red = true;
+            x = parent;
+            parent = x->parent;
          } else {
-            Node* w = parent->left;
-            if (isRed(w)) {
-               w->red = false;
-               parent->red = true;
-               rotateRight(parent);
-               w = parent->left;
-            }
-            if (!isRed(w->left) && !isRed(w->right)) {
+            if (!isRed(child(w, !xRight))) {
+               child(w, xRight)->red = false;
                w->red = true;
-               x = parent;
-               parent = x->parent;
-            } else {
-               if (!isRed(w->left)) {
-                  w->right->red = false;
-                  w->red = true;
-                  rotateLeft(w);
-                  w = parent->left;
-               }
-               w->red = parent->red;
-               parent->red = false;
-               w->left->red = false;
-               rotateRight(parent);
-               x = root_;
-               parent = nullptr;
+               rotate(w, !xRight);
+               w = child(parent, !xRight);
             }
+            w->red = parent->red;
+            parent->red = false;
+            child(w, !xRight)->red = false;
+            rotate(parent, xRight);
+            x = root_;
+            parent = nullptr;
          }
       }
       if (x != nullptr) x->red = false;
