@@ -283,6 +283,26 @@ TEST(RbTreeSet, OrderedSetWalk) {
    for (auto const& e : s) visited.push_back(e.key());
    EXPECT_EQ(visited, (std::vector<int>{1, 3, 5, 7, 9}));
    EXPECT_TRUE(s.checkInvariants());
+
+   visited.clear();
+   for (auto it = s.last(); it; --it) visited.push_back(it.key());
+   EXPECT_EQ(visited, (std::vector<int>{9, 7, 5, 3, 1}));
+   EXPECT_EQ(s.lowerBound(5).key(), 5);
+   EXPECT_EQ(s.upperBound(5).key(), 7);
+   EXPECT_TRUE(s.upperBound(9).done());
+
+   // Erasing the member stood on leaves its key readable and the walk goes
+   // on downwards from it.
+   auto it = s.lowerBound(5);
+   EXPECT_TRUE(it.isLive());
+   EXPECT_TRUE(s.erase(5));
+   EXPECT_TRUE(it.isStale());
+   EXPECT_EQ(it.key(), 5);
+   it.prev();
+   EXPECT_EQ(it.key(), 3);
+   it.next();
+   EXPECT_EQ(it.key(), 7);
+   EXPECT_EQ(s.size(), 4u);
 }
 
 } // namespace
