@@ -31,12 +31,52 @@
 
 namespace Vor {
 
+namespace Impl {
+
+// The iterator of a set: the iterator of the map beneath it, showing keys
+// only. It walks backwards (prev(), operator--) where the map's does.
+template <typename K, typename MapIterator>
+class SetIterator {
+ public:
+   SetIterator() = default;
+   explicit SetIterator(MapIterator it) : it_(std::move(it)) {}
+   bool done() const { return it_.done(); }
+   explicit operator bool() const { return !it_.done(); }
+   K const& key() const { return it_.key(); }
+   bool isStale() const { return it_.isStale(); }
+   bool isLive() const { return it_.isLive(); }
+   void next() { it_.next(); }
+   void prev()
+      requires requires(MapIterator& it) { it.prev(); }
+   {
+      it_.prev();
+   }
+   SetIterator& operator++() {
+      it_.next();
+      return *this;
+   }
+   SetIterator& operator--()
+      requires requires(MapIterator& it) { it.prev(); }
+   {
+      it_.prev();
+      return *this;
+   }
+   SetIterator const& operator*() const { return *this; }
+   SetIterator const* operator->() const { return this; }
+   friend bool operator==(SetIterator const& it, IterationEnd) { return it.done(); }
+
+ private:
+   MapIterator it_;
+};
+
+} // namespace Impl
+
 template <typename K>
 class HashSet {
    using Table = Impl::HashTable<K, Impl::Empty, true>;
 
  public:
-   class Iterator;
+   using Iterator = Impl::SetIterator<K, typename Table::ConstIterator>;
    using ConstIterator = Iterator;
 
    explicit HashSet(U32 collectionConstant = Impl::collectionConstant()) : table_(collectionConstant) {}
@@ -55,28 +95,6 @@ class HashSet {
    Iterator begin() const { return Iterator(table_.begin()); }
    IterationEnd end() const { return {}; }
 
-   class Iterator {
-    public:
-      Iterator() = default;
-      explicit Iterator(typename Table::ConstIterator it) : it_(std::move(it)) {}
-      bool done() const { return it_.done(); }
-      explicit operator bool() const { return !it_.done(); }
-      K const& key() const { return it_.key(); }
-      bool isStale() const { return it_.isStale(); }
-      bool isLive() const { return it_.isLive(); }
-      void next() { it_.next(); }
-      Iterator& operator++() {
-         it_.next();
-         return *this;
-      }
-      Iterator const& operator*() const { return *this; }
-      Iterator const* operator->() const { return this; }
-      friend bool operator==(Iterator const& it, IterationEnd) { return it.done(); }
-
-    private:
-      typename Table::ConstIterator it_;
-   };
-
  private:
    Table table_;
 };
@@ -86,7 +104,7 @@ class RbTreeSet {
    using Map = RbTreeMapGeneric<K, Impl::Empty>;
 
  public:
-   class Iterator;
+   using Iterator = Impl::SetIterator<K, typename Map::ConstIterator>;
    using ConstIterator = Iterator;
 
    bool contains(K const& key) const { return map_.contains(key); }
@@ -106,33 +124,6 @@ class RbTreeSet {
    Iterator upperBound(K const& key) const { return Iterator(map_.upperBound(key)); }
    Iterator begin() const { return first(); }
    IterationEnd end() const { return {}; }
-
-   class Iterator {
-    public:
-      Iterator() = default;
-      explicit Iterator(typename Map::ConstIterator it) : it_(std::move(it)) {}
-      bool done() const { return it_.done(); }
-      explicit operator bool() const { return !it_.done(); }
-      K const& key() const { return it_.key(); }
-      bool isStale() const { return it_.isStale(); }
-      bool isLive() const { return it_.isLive(); }
-      void next() { it_.next(); }
-      void prev() { it_.prev(); }
-      Iterator& operator++() {
-         it_.next();
-         return *this;
-      }
-      Iterator& operator--() {
-         it_.prev();
-         return *this;
-      }
-      Iterator const& operator*() const { return *this; }
-      Iterator const* operator->() const { return this; }
-      friend bool operator==(Iterator const& it, IterationEnd) { return it.done(); }
-
-    private:
-      typename Map::ConstIterator it_;
-   };
 
  private:
    Map map_;
