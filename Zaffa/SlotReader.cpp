@@ -3,9 +3,6 @@
 #include "Zaffa/Jorro.h"
 #include "framework/VorTrace.h"
 
-#include <atomic>
-#include <cstring>
-
 VOR_TRACE_HANDLE("ZaffaSlotReader");
 
 namespace Zaffa {
@@ -69,30 +66,8 @@ bool SlotReaderTable::doResize() {
    return true;
 }
 
-U32 SlotReaderTable::getValue(U32 slot, void* value, U32& rhash) {
-   if (slot >= numSlots_) {
-      throw SlotOutOfRange(fmt::format("out-of-range index:{} numSlots:{}", slot, numSlots_), slot);
-   }
-   RawSlot s = mem_.slot(slot);
-   RawSlot look = mem_.lookaside();
-   ++counters_.slotReads;
-   for (;;) {
-      U32 const s1 = Mem::load32(s.p + 8);
-      RawSlot from = (s1 & seqLookaside) ? look : s;
-      if (s1 & seqLookaside) ++counters_.lookasideReads;
-      // These plain copies may race with the writer's stores; whatever they
-      // read is thrown away unless the sequence proves that no store
-      // overlapped them.
-      std::memcpy(&rhash, from.p + 12, sizeof rhash);
-      std::memcpy(value, from.value(), valueSize_);
-      // Orders the copies above before the second load of the sequence (the
-      // reader's half of the seqlock; the writer's half is its release fence
-      // after raising LOOKASIDE).
-      std::atomic_thread_fence(std::memory_order_acquire);
-      U32 const s2 = std::atomic_ref<U32>(*reinterpret_cast<U32*>(s.p + 8)).load(std::memory_order_relaxed);
-      if (s1 == s2) return s1;
-      ++counters_.retries;
-   }
+void SlotReaderTable::throwOutOfRange(U32 slot) const {
+   throw SlotOutOfRange(fmt::format("out-of-range index:{} numSlots:{}", slot, numSlots_), slot);
 }
 
 } // namespace Zaffa

@@ -22,6 +22,21 @@
 // slot's sequence has moved on. The sequence counter rises by 4 per write, so
 // it does not come back to s1 within any realistic read.
 //
+// A walk does not need the value of every slot it passes: it needs the rhash
+// and the key to decide, and the value of the one slot it returns. read()
+// takes both in the same window between the two loads of the sequence:
+//
+//   1. load s1; copy rhash and the key's bytes (from where step 2 above says);
+//   2. ask the caller whether it wants this slot, from that rhash and key;
+//   3. only if it does, copy the value, from the same place;
+//   4. the fence and s2 as above; s1 != s2 throws everything away, decision
+//      included, and starts again from 1.
+//
+// So the decision may be taken on a torn key and must be a pure function of
+// what it is given; only the decision of the read that returns counts, and a
+// value is only ever handed out together with the sequence that proves it.
+// A slot that is passed over costs two sequence loads and the copy of its key.
+//
 // What the copy says is only as good as its sequence: a slot without
 // OCCUPIED (free, or a first write in progress) holds no value that may be
 // used, and the caller decides what that means for its walk.
@@ -42,6 +57,8 @@
 #include "Zaffa/Mem.h"
 #include "Zaffa/SlotTable.h"
 
+#include <atomic>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 
@@ -110,6 +127,24 @@ class SlotReaderTable {
    // under which the copy was taken. REQUIRES: attached. Raises SlotOutOfRange
    // "out-of-range index:{} numSlots:{}" for an index at or beyond numSlots().
    U32 getValue(U32 slot, void* value, U32& rhash);
+
+   // What one read() saw, all of it from one version of the slot.
+   struct Read {
+      U32 seq;       // the sequence word the read was taken under
+      U32 rhash;
+      bool copied;   // the value was wanted and copied
+   };
+   // The slot read with the decision in the middle (see above). Copies the
+   // rhash and the `keyBytes` bytes at `keyOffset` of the value into `key`,
+   // then calls `wanted(seq, rhash)`, which reads the key from `key` and
+   // returns true for a slot whose value it wants; only then are the
+   // `valueSize()` bytes of the value copied into `value`. `wanted` is called
+   // once per attempt and may see a torn key: it must only compute. The
+   // result is that of the last attempt, whose key, decision and (if copied)
+   // value are one whole version of the slot. REQUIRES: attached,
+   // keyOffset + keyBytes <= valueSize(). Raises SlotOutOfRange as getValue.
+   template <typename Wanted>
+   Read read(U32 slot, std::size_t keyOffset, std::size_t keyBytes, void* key, void* value, Wanted&& wanted);
    // The slot's sequence word now (acquire), and its link now (one 8-byte load).
    U32 sequence(U32 slot) const { return Mem::load32(mem_.slot(slot).p + 8); }
    SlotLink link(U32 slot) const { return loadLink(mem_.slot(slot).link()); }
@@ -125,6 +160,8 @@ class SlotReaderTable {
    Reader::Counters const& counters() const { return counters_; }
 
  private:
+   [[noreturn]] void throwOutOfRange(U32 slot) const;
+
    Mem::MappedFile file_;
    SlotMemory mem_;
    U32 numSlots_ = 0;
@@ -132,5 +169,40 @@ class SlotReaderTable {
    U32 valueSize_ = 0;
    Reader::Counters counters_;
 };
+
+template <typename Wanted>
+SlotReaderTable::Read SlotReaderTable::read(U32 slot, std::size_t keyOffset, std::size_t keyBytes, void* key,
+                                            void* value, Wanted&& wanted) {
+   if (slot >= numSlots_) throwOutOfRange(slot);
+   RawSlot s = mem_.slot(slot);
+   RawSlot look = mem_.lookaside();
+   ++counters_.slotReads;
+   for (;;) {
+      U32 const s1 = Mem::load32(s.p + 8);
+      RawSlot from = (s1 & seqLookaside) ? look : s;
+      if (s1 & seqLookaside) ++counters_.lookasideReads;
+      // These plain copies may race with the writer's stores; whatever they
+      // read, and whatever `wanted` made of it, is thrown away unless the
+      // sequence proves that no store overlapped them.
+      Read r{s1, 0, false};
+      std::memcpy(&r.rhash, from.p + 12, sizeof r.rhash);
+      if (keyBytes != 0) std::memcpy(key, from.value() + keyOffset, keyBytes);
+      r.copied = wanted(s1, r.rhash);
+      if (r.copied) std::memcpy(value, from.value(), valueSize_);
+      // Orders the copies above before the second load of the sequence (the
+      // reader's half of the seqlock; the writer's half is its release fence
+      // after raising LOOKASIDE).
+      std::atomic_thread_fence(std::memory_order_acquire);
+      U32 const s2 = std::atomic_ref<U32>(*reinterpret_cast<U32*>(s.p + 8)).load(std::memory_order_relaxed);
+      if (s1 == s2) return r;
+      ++counters_.retries;
+   }
+}
+
+inline U32 SlotReaderTable::getValue(U32 slot, void* value, U32& rhash) {
+   Read r = read(slot, 0, 0, nullptr, value, [](U32, U32) { return true; });
+   rhash = r.rhash;
+   return r.seq;
+}
 
 } // namespace Zaffa

@@ -21,6 +21,13 @@
 // check, with the reader's copies of numSlots and numBuckets current, is
 // corruption.
 //
+// What a walk copies. A walk decides at each slot from the slot's rhash and
+// key alone, read under the slot's sequence (SlotReaderTable::read); the
+// value is copied only for the slot the walk returns, in the same window,
+// straight into the caller's value. One chain walk (walkChain) serves lookup
+// and next alike; what differs between them is the decision at each step (a
+// ChainPolicy below).
+//
 // Resizes. The reader keeps local copies of numSlots and numBuckets, each
 // with the version stored beside it in the same 8-byte word. A walk may use
 // copies one step old: a key is accepted in a bucket when its hash fits the
@@ -79,12 +86,13 @@ struct IterHint {
 template <typename Key, typename Value>
 class ZaffaReader {
    static_assert(std::is_trivially_copyable_v<Value>, "values are copied as bytes between processes");
+   static_assert(std::is_trivially_copyable_v<Key>, "a slot's key is read as bytes before its value");
 
  public:
    using KeyOf = ValueKey<Key, Value>;
 
    explicit ZaffaReader(Mem::RootPath root, std::string name = "ZaffaReader")
-       : root_(std::move(root)), name_(std::move(name)) {}
+       : root_(std::move(root)), name_(std::move(name)), keyOffset_(keyOffsetInValue()) {}
    ~ZaffaReader() { detach(false); }
    ZaffaReader(ZaffaReader const&) = delete;
    ZaffaReader& operator=(ZaffaReader const&) = delete;
@@ -102,16 +110,20 @@ class ZaffaReader {
    bool attached() const { return slots_.attached(); }
 
    // Looks `key` up; on a hit copies the value into `value`. Retries across
-   // resizes. Raises Jorro::CorruptionDetectedException ("corrupt key
+   // resizes. On false the content of `value` is unspecified: a copy that a
+   // concurrent write spoiled may have been started in it. `key` may be the
+   // key inside `value`. Raises Jorro::CorruptionDetectedException ("corrupt key
    // detected. key:{} bucketIndex:{}", "slow-path slot:{} not marked as
    // occupied key:{} slotCount:{}", "hash chain cycle detected, slotCount:{}
    // capacity:{}", "out-of-range index:{} numSlots:{}").
    bool lookup(Key const& key, Value& value);
-   // The first entry of the walk; false when the table is empty.
+   // The first entry of the walk; false when the table is empty (`value` is
+   // then unspecified, as for lookup).
    bool first(Value& value, IterHint& hint);
    // The entry after `key`; false at the end. With the hint of the call that
    // returned `key`, and nothing changed, it follows the link (fast path);
-   // otherwise it finds its place by hash (slow path).
+   // otherwise it finds its place by hash (slow path). `key` may be the key
+   // inside `value`. On false, as for lookup, `value` is unspecified.
    bool next(Key const& key, Value& value, IterHint& hint);
    // Reads one slot by the sequence protocol. True when the slot held a
    // value (OCCUPIED); `hint` (optional) gets its slot and the versions.
@@ -186,6 +198,47 @@ class ZaffaReader {
    static bool before(U32 rhashA, Key const& a, U32 rhashB, Key const& b) {
       return rhashA < rhashB || (rhashA == rhashB && a < b);
    }
+   // Where the key lies in a value, so that a slot's key can be read without
+   // its value. ValueKey hands out a reference into the value; anything else
+   // could not be read from a slot at all.
+   static std::size_t keyOffsetInValue() {
+      Value probe{};
+      auto const offset = reinterpret_cast<char const*>(&KeyOf::get(probe)) - reinterpret_cast<char const*>(&probe);
+      if (offset < 0 || static_cast<std::size_t>(offset) + sizeof(Key) > sizeof(Value)) {
+         Jorro::throwAssert("key of {} lies outside the value, at offset {}", typeName<Value>(), offset);
+      }
+      return static_cast<std::size_t>(offset);
+   }
+   // Reads slot `slot` into `key` and, when `wanted(seq, rhash)` says so,
+   // `value` (SlotReaderTable::read).
+   template <typename Wanted>
+   SlotReaderTable::Read readSlot(U32 slot, Key& key, Value* value, Wanted&& wanted) {
+      return slots_.read(slot, keyOffset_, sizeof(Key), &key, value, std::forward<Wanted>(wanted));
+   }
+
+   // What a chain walk does with an occupied slot that belongs to its bucket.
+   enum class Verdict {
+      pass,   // go on to the next slot
+      take,   // return this slot's value
+      stop,   // the chain's order says that what is wanted is not here
+   };
+   // The decision of a walk at each step, and how it names what it wanted in
+   // its corruption messages. decide() is also asked about torn reads, whose
+   // answer is thrown away: it only compares.
+   //   static constexpr bool takesOnlyTheWantedKey;   // take means key equality
+   //   Verdict decide(U32 rhash, Key const& key) const;
+   //   std::string wanted() const;
+   //   [[noreturn]] void corruptKey(Key const& key, U32 bucket) const;
+   struct LookupPolicy;
+   struct NextPolicy;
+
+   // The one chain walk: walks bucket `bucket` from its head, re-checking and
+   // restarting as described at the top of the file, and stops at the first
+   // slot that `policy` takes (found: its value is in `value`, its index in
+   // `slot`), at a stop or at the end of the chain (notFound), or when a
+   // fault may be due to a stale numSlots or numBuckets (retry).
+   template <typename Policy>
+   Walk walkChain(U32 bucket, Policy const& policy, Value& value, U32& slot);
    Walk doLookup(Key const& key, Value& value);
    // Walks bucket `bucket` for the first entry after (rhash, key), or the
    // first entry of the chain when `after` is null.
@@ -202,6 +255,7 @@ class ZaffaReader {
    ZaffaCore::BucketReader<SlotLink> buckets_;
    SharedMem::FenixId fenix_;
    U32 seed_ = 0;
+   std::size_t keyOffset_;
 };
 
 // ---------------------------------------------------------------------------
@@ -308,10 +362,41 @@ typename ZaffaReader<Key, Value>::Walk ZaffaReader<Key, Value>::retrying(F&& wal
 }
 
 template <typename Key, typename Value>
-typename ZaffaReader<Key, Value>::Walk ZaffaReader<Key, Value>::doLookup(Key const& key, Value& value) {
-   U32 const h = static_cast<U32>(key.hash(seed_));
-   U32 const rhash = Jorro::Util::reverse(h);
-   U32 const bucket = h & (buckets_.numBuckets() - 1);
+struct ZaffaReader<Key, Value>::LookupPolicy {
+   static constexpr bool takesOnlyTheWantedKey = true;
+   Key const& key;
+   U32 rhash;
+
+   Verdict decide(U32 r, Key const& k) const {
+      if (r == rhash && k == key) return Verdict::take;
+      return before(rhash, key, r, k) ? Verdict::stop : Verdict::pass;
+   }
+   std::string wanted() const { return describe(key); }
+   [[noreturn]] void corruptKey(Key const& k, U32 bucket) const {
+      Jorro::throwCorruption("corrupt key detected. key:{} bucketIndex:{}", describe(k), bucket);
+   }
+};
+
+template <typename Key, typename Value>
+struct ZaffaReader<Key, Value>::NextPolicy {
+   static constexpr bool takesOnlyTheWantedKey = false;
+   Key const* after;   // null: the first entry of the chain
+   U32 rhash;
+
+   Verdict decide(U32 r, Key const& k) const {
+      return (!after || before(rhash, *after, r, k)) ? Verdict::take : Verdict::pass;
+   }
+   std::string wanted() const { return after ? describe(*after) : std::string("first"); }
+   [[noreturn]] void corruptKey(Key const& k, U32 bucket) const {
+      Jorro::throwCorruption("corrupt key detected. key:{} bucketIndex {}", describe(k), bucket);
+   }
+};
+
+template <typename Key, typename Value>
+template <typename Policy>
+typename ZaffaReader<Key, Value>::Walk
+ZaffaReader<Key, Value>::walkChain(U32 bucket, Policy const& policy, Value& value, U32& slot) {
+   Key k;
 restart:
    Step step = headStep(bucket);
    for (U32 steps = 0;; ++steps) {
@@ -325,39 +410,55 @@ restart:
          if (!unchanged(step) || stale()) goto restart;
          Jorro::throwCorruption("hash chain cycle detected, slotCount:{} capacity:{}", steps, capacity());
       }
-      U32 r;
-      U32 const seq = slots_.getValue(s, &value, r);
-      bool const occupied = (seq & seqOccupied) != 0;
-      Key const& k = KeyOf::get(value);
-      if (!occupied || !fits(static_cast<U32>(k.hash(seed_)), bucket)) {
+      // The verdict of the read that returns is the one on its key; a slot
+      // without OCCUPIED is never taken, and is dealt with below.
+      Verdict verdict = Verdict::pass;
+      auto const read = readSlot(s, k, &value, [&](U32 seq, U32 r) {
+         verdict = (seq & seqOccupied) ? policy.decide(r, k) : Verdict::pass;
+         return verdict == Verdict::take;
+      });
+      bool const occupied = (read.seq & seqOccupied) != 0;
+      // A key that a lookup takes is equal to the wanted key, whose own hash
+      // chose the bucket: it fits without being hashed again.
+      bool const knownToFit = Policy::takesOnlyTheWantedKey && verdict == Verdict::take;
+      if (!occupied || (!knownToFit && !fits(static_cast<U32>(k.hash(seed_)), bucket))) {
          if (!unchanged(step)) goto restart;
          if (stale()) return Walk::retry;
          if (!occupied) {
             Jorro::throwCorruption("slow-path slot:{} not marked as occupied key:{} slotCount:{}", s,
-                                   describe(key), steps);
+                                   policy.wanted(), steps);
          }
-         Jorro::throwCorruption("corrupt key detected. key:{} bucketIndex:{}", describe(k), bucket);
+         policy.corruptKey(k, bucket);
       }
-      if (r == rhash && k == key) return Walk::found;
-      if (before(rhash, key, r, k)) {
+      if (verdict == Verdict::take) {
+         slot = s;
+         return Walk::found;
+      }
+      if (verdict == Verdict::stop) {
          if (!unchanged(step)) goto restart;
          return Walk::notFound;
       }
-      step = slotStep(s, seq);
-      // The link must belong to the version of the slot whose value we used.
-      if (slots_.sequence(s) != seq) goto restart;
+      step = slotStep(s, read.seq);
+      // The link must belong to the version of the slot whose key we used.
+      if (slots_.sequence(s) != read.seq) goto restart;
    }
+}
+
+template <typename Key, typename Value>
+typename ZaffaReader<Key, Value>::Walk ZaffaReader<Key, Value>::doLookup(Key const& key, Value& value) {
+   U32 const h = static_cast<U32>(key.hash(seed_));
+   U32 const bucket = h & (buckets_.numBuckets() - 1);
+   U32 slot;
+   return walkChain(bucket, LookupPolicy{key, Jorro::Util::reverse(h)}, value, slot);
 }
 
 template <typename Key, typename Value>
 bool ZaffaReader<Key, Value>::lookup(Key const& key, Value& value) {
    checkAttached();
    ++slots_.counters().lookups;
-   Value copy;
-   Walk w = retrying([&] { return doLookup(key, copy); });
-   if (w != Walk::found) return false;
-   value = copy;
-   return true;
+   // The walk copies into `value`, which may hold `key`.
+   Key const wanted = key;
+   return retrying([&] { return doLookup(wanted, value); }) == Walk::found;
 }
 
 template <typename Key, typename Value>
@@ -385,38 +486,10 @@ void ZaffaReader<Key, Value>::verifyNextBucket(U32 bucket, U32 nextBucket) const
 template <typename Key, typename Value>
 typename ZaffaReader<Key, Value>::Walk
 ZaffaReader<Key, Value>::doNext(U32 bucket, U32 rhash, Key const* after, Value& value, IterHint& hint) {
-restart:
-   Step step = headStep(bucket);
-   for (U32 steps = 0;; ++steps) {
-      if (step.link.endOfChain()) {
-         if (!unchanged(step)) goto restart;
-         return Walk::notFound;
-      }
-      U32 const s = step.link.slot();
-      if (steps > capacity()) {
-         if (!unchanged(step) || stale()) goto restart;
-         Jorro::throwCorruption("hash chain cycle detected, slotCount:{} capacity:{}", steps, capacity());
-      }
-      U32 r;
-      U32 const seq = slots_.getValue(s, &value, r);
-      bool const occupied = (seq & seqOccupied) != 0;
-      Key const& k = KeyOf::get(value);
-      if (!occupied || !fits(static_cast<U32>(k.hash(seed_)), bucket)) {
-         if (!unchanged(step)) goto restart;
-         if (stale()) return Walk::retry;
-         if (!occupied) {
-            Jorro::throwCorruption("slow-path slot:{} not marked as occupied key:{} slotCount:{}", s,
-                                   after ? describe(*after) : std::string("first"), steps);
-         }
-         Jorro::throwCorruption("corrupt key detected. key:{} bucketIndex {}", describe(k), bucket);
-      }
-      if (!after || before(rhash, *after, r, k)) {
-         hint = IterHint{version(), s, bucket};
-         return Walk::found;
-      }
-      step = slotStep(s, seq);
-      if (slots_.sequence(s) != seq) goto restart;
-   }
+   U32 slot;
+   Walk w = walkChain(bucket, NextPolicy{after, rhash}, value, slot);
+   if (w == Walk::found) hint = IterHint{version(), slot, bucket};
+   return w;
 }
 
 template <typename Key, typename Value>
@@ -440,47 +513,42 @@ bool ZaffaReader<Key, Value>::firstFrom(U32 bucket, Value& value, IterHint& hint
 template <typename Key, typename Value>
 bool ZaffaReader<Key, Value>::first(Value& value, IterHint& hint) {
    checkAttached();
-   Value copy;
    Walk w = retrying([&] {
       doResize();
-      if (firstFrom(0, copy, hint)) return Walk::found;
+      if (firstFrom(0, value, hint)) return Walk::found;
       return stale() ? Walk::retry : Walk::notFound;
    });
-   if (w != Walk::found) return false;
-   value = copy;
-   return true;
+   return w == Walk::found;
 }
 
 template <typename Key, typename Value>
 bool ZaffaReader<Key, Value>::next(Key const& key, Value& value, IterHint& hint) {
    checkAttached();
-   Value copy;
+   // Every copy below goes into `value`, which may hold `key`.
+   Key const after = key;
    // Fast path: the hint's slot still holds `key` under the same sizes;
    // follow its link.
    if (hint.slot != noSlot && hint.version == version() && !stale()) {
       try {
-         U32 r;
-         U32 const seq = slots_.getValue(hint.slot, &copy, r);
-         if ((seq & seqOccupied) && KeyOf::get(copy) == key) {
+         Key k;
+         auto const here = readSlot(hint.slot, k, nullptr, [](U32, U32) { return false; });
+         if ((here.seq & seqOccupied) && k == after) {
             SlotLink link = slots_.link(hint.slot);
-            if (slots_.sequence(hint.slot) == seq) {
+            if (slots_.sequence(hint.slot) == here.seq) {
                if (link.endOfChain()) {
                   verifyNextBucket(hint.bucket, hint.bucket + 1);
                   U32 const b = hint.bucket + 1;
-                  if (firstFrom(b, copy, hint)) {
-                     value = copy;
-                     return true;
-                  }
+                  if (firstFrom(b, value, hint)) return true;
                   if (!stale()) return false;
                } else {
-                  U32 rn;
                   U32 const s = link.slot();
-                  U32 const seqn = slots_.getValue(s, &copy, rn);
-                  Key const& kn = KeyOf::get(copy);
-                  if ((seqn & seqOccupied) && fits(static_cast<U32>(kn.hash(seed_)), hint.bucket) &&
-                      before(r, key, rn, kn) && slots_.sequence(hint.slot) == seq) {
+                  Key kn;
+                  auto const there = readSlot(s, kn, &value, [&](U32 seq, U32 rn) {
+                     return (seq & seqOccupied) && fits(static_cast<U32>(kn.hash(seed_)), hint.bucket) &&
+                            before(here.rhash, after, rn, kn);
+                  });
+                  if (there.copied && slots_.sequence(hint.slot) == here.seq) {
                      hint = IterHint{version(), s, hint.bucket};
-                     value = copy;
                      return true;
                   }
                }
@@ -493,19 +561,17 @@ bool ZaffaReader<Key, Value>::next(Key const& key, Value& value, IterHint& hint)
    }
    // Slow path: find the place of `key` (or of the next greater key) by hash.
    ++slots_.counters().slowPaths;
-   U32 const h = static_cast<U32>(key.hash(seed_));
+   U32 const h = static_cast<U32>(after.hash(seed_));
    U32 const rhash = Jorro::Util::reverse(h);
    Walk w = retrying([&] {
       U32 const bucket = h & (buckets_.numBuckets() - 1);
-      Walk r = doNext(bucket, rhash, &key, copy, hint);
+      Walk r = doNext(bucket, rhash, &after, value, hint);
       if (r != Walk::notFound) return r;
       verifyNextBucket(bucket, bucket + 1);
-      if (firstFrom(bucket + 1, copy, hint)) return Walk::found;
+      if (firstFrom(bucket + 1, value, hint)) return Walk::found;
       return stale() ? Walk::retry : Walk::notFound;
    });
-   if (w != Walk::found) return false;
-   value = copy;
-   return true;
+   return w == Walk::found;
 }
 
 template <typename Key, typename Value>

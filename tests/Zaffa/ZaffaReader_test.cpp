@@ -8,9 +8,11 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <map>
 #include <random>
 #include <set>
+#include <sys/wait.h>
 
 using namespace ZaffaTest;
 
@@ -252,4 +254,294 @@ TEST(ZaffaReader, AttachNeedsTheWritersFilesOfOneGenerationAndType) {
    ASSERT_TRUE(r.attach(message)) << message;
    SharedMem::FenixFile(dir.file(Zaffa::FileNames::fenix)).write(r.fenixId().nextGeneration());
    EXPECT_THROW(r.validateVersionAnchor(), Mem::VersionMismatchException);
+}
+
+// The slot read decides from the key and copies the value in the same window
+// between two equal sequence words. The decision callback runs exactly inside
+// that window, so a test can act as the writer there: whatever the writer
+// does between the key and the value must send the read round again, and
+// what comes back (decision, key, value) must be one version of the slot.
+TEST(ZaffaReader, SlotReadDecidesAndCopiesWithinOneVersionOfTheSlot) {
+   TempDir dir;
+   Writer w(config(dir.path()));
+   w.attach();
+   w.write(TestValue::of(5, 1), true);
+   Reader r{Mem::RootPath(dir.path())};
+   std::string message;
+   ASSERT_TRUE(r.attach(message)) << message;
+   U32 const seed = w.slotTable().header()->hashSeed;
+   auto const place = w.hashMap().find(TestKey::of(5), Writer::Map::hashOf(TestKey::of(5), seed));
+   ASSERT_TRUE(place.hit);
+   Zaffa::RawSlot slot = w.slotTable().slot(place.slot);
+   Zaffa::SlotReaderTable& slots = r.slots();
+   auto const keyOffset = offsetof(TestValue, key);
+
+   // The writer replaces the value (stamp 1 -> 2) after the reader has taken
+   // the key and decided. The copy that follows sees stamp 2 under the old
+   // sequence, which must not be handed out as it stands: the read goes
+   // round and returns the new version whole, with its own sequence.
+   {
+      TestKey k;
+      TestValue v;
+      int calls = 0;
+      U64 const retries = slots.counters().retries;
+      auto got = slots.read(place.slot, keyOffset, sizeof k, &k, &v, [&](U32, U32) {
+         if (calls++ == 0) w.write(TestValue::of(5, 2), true);
+         return k == TestKey::of(5);
+      });
+      EXPECT_EQ(calls, 2);
+      EXPECT_EQ(slots.counters().retries, retries + 1);
+      ASSERT_TRUE(got.copied);
+      EXPECT_EQ(got.seq, slot.seq());
+      EXPECT_EQ(got.rhash, slot.rhash());
+      EXPECT_TRUE(v.consistent());
+      EXPECT_EQ(v.stamp, 2u);
+   }
+
+   // The slot is freed and given to another key between the decision on
+   // key 5 and the copy: the value copied would be key 6's. The read goes
+   // round, sees key 6, and this time nothing is wanted.
+   {
+      TestKey k;
+      TestValue v = TestValue::of(77, 77);
+      TestValue const untouched = v;
+      int calls = 0;
+      auto got = slots.read(place.slot, keyOffset, sizeof k, &k, &v, [&](U32, U32) {
+         if (calls++ == 0) {
+            TestValue old;
+            EXPECT_TRUE(w.remove(TestKey::of(5), old));
+            w.write(TestValue::of(6, 3), true);
+         }
+         return k == TestKey::of(5);
+      });
+      ASSERT_EQ(w.hashMap().find(TestKey::of(6), Writer::Map::hashOf(TestKey::of(6), seed)).slot, place.slot)
+         << "the freed slot was expected to be the next one given out";
+      EXPECT_EQ(calls, 2);
+      EXPECT_FALSE(got.copied);
+      EXPECT_EQ(k, TestKey::of(6)) << "the key returned is that of the read that counts";
+      EXPECT_EQ(got.seq, slot.seq());
+      // The copy made under the spoiled decision may stay in the buffer (the
+      // caller ignores it), but the read that returned wanted nothing.
+      (void)untouched;
+   }
+
+   // An overwrite is caught half way after the decision: LOOKASIDE is up, the
+   // new value stands in the lookaside slot, the slot itself is half
+   // rewritten. The copy that follows the decision reads the half-written
+   // slot; the read must go round and take the value from the lookaside slot.
+   {
+      TestKey k;
+      TestValue v;
+      int calls = 0;
+      TestValue const newer = TestValue::of(6, 4);
+      U32 const seq = slot.seq();
+      U64 const lookaside = slots.counters().lookasideReads;
+      auto got = slots.read(place.slot, keyOffset, sizeof k, &k, &v, [&](U32, U32) {
+         if (calls++ == 0) {
+            Zaffa::RawSlot look = w.slotTable().lookaside();
+            look.rhashIs(slot.rhash());
+            std::memcpy(look.value(), &newer, sizeof newer);
+            slot.seqIs(seq + 2);
+            std::memset(slot.value() + 100, 0xAB, 300);
+         }
+         return k == TestKey::of(6);
+      });
+      EXPECT_EQ(calls, 2);
+      ASSERT_TRUE(got.copied);
+      EXPECT_EQ(got.seq, seq + 2);
+      EXPECT_EQ(slots.counters().lookasideReads, lookaside + 1);
+      EXPECT_TRUE(v.consistent());
+      EXPECT_EQ(v.stamp, 4u);
+      // Finish the write as the writer would, so that the table is whole.
+      std::memcpy(slot.value(), &newer, sizeof newer);
+      slot.seqIs((seq + 4) | Zaffa::seqOccupied);
+   }
+   TestValue v;
+   ASSERT_TRUE(r.lookup(TestKey::of(6), v));
+   EXPECT_EQ(v.stamp, 4u);
+   EXPECT_FALSE(r.lookup(TestKey::of(5), v));
+}
+
+namespace {
+
+// Ids of keys whose hashes agree in their low 12 bits: under any number of
+// buckets up to 4096 they share one chain.
+std::vector<U64> collidingIds(U32 seed, std::size_t count) {
+   std::vector<U64> ids;
+   U32 const wanted = TestKey::of(0).hash(seed) & 0xFFF;
+   for (U64 id = 0; ids.size() < count; ++id) {
+      if ((TestKey::of(id).hash(seed) & 0xFFF) == wanted) ids.push_back(id);
+   }
+   return ids;
+}
+
+struct ChainReport {
+   U64 lookups = 0;
+   U64 hits = 0;
+   U64 misses = 0;
+   U64 walks = 0;
+   U64 failures = 0;
+   char firstFailure[200] = {};
+};
+
+} // namespace
+
+// One long chain: every lookup walks past many slots that hold other keys.
+// Quiet, each key is found with its exact value, a key that sorts between
+// them is missed without `value` being written, and the walk meets each key
+// once. Then a writer in another process overwrites, removes and re-inserts
+// the keys of the chain (so that freed slots go to other keys) while the
+// reader looks up and walks: every value returned is whole, under the key
+// asked for, and never older than one seen before for that key.
+TEST(ZaffaReader, LongChainLookupsReturnOnlyWholeValuesWhileAWriterChurns) {
+   TempDir dir;
+   auto const c = config(dir.path(), 64, 256);
+   U32 seed = 0;
+   std::vector<U64> present, absent;
+   {
+      Writer w(c);
+      w.attach();
+      seed = w.slotTable().header()->hashSeed;
+      std::vector<U64> ids = collidingIds(seed, 60);
+      for (std::size_t i = 0; i < ids.size(); ++i) (i % 4 == 3 ? absent : present).push_back(ids[i]);
+      for (U64 id : present) w.write(TestValue::of(id, 1), true);
+      w.detach(false);
+   }
+   Reader r{Mem::RootPath(dir.path())};
+   std::string message;
+   ASSERT_TRUE(r.attach(message)) << message;
+
+   U64 const slotReadsBefore = r.counters().slotReads;
+   for (U64 id : present) {
+      TestValue v;
+      ASSERT_TRUE(r.lookup(TestKey::of(id), v)) << id;
+      TestValue const expected = TestValue::of(id, 1);
+      ASSERT_EQ(std::memcmp(&v, &expected, sizeof v), 0) << id;
+   }
+   for (U64 id : absent) {
+      TestValue v = TestValue::of(123456, 9);
+      TestValue const before = v;
+      ASSERT_FALSE(r.lookup(TestKey::of(id), v)) << id;
+      ASSERT_EQ(std::memcmp(&v, &before, sizeof v), 0) << "a miss on a quiet table wrote into the value";
+   }
+   // Each lookup walks its chain in order, so the lookups of all present
+   // keys read about n^2/2 slots: this really is one chain.
+   EXPECT_GT(r.counters().slotReads - slotReadsBefore, present.size() * present.size() / 2);
+   {
+      std::set<U64> seen;
+      TestValue v;
+      Zaffa::IterHint hint;
+      for (bool more = r.first(v, hint); more; more = r.next(v.key, v, hint)) {
+         ASSERT_TRUE(v.consistent());
+         ASSERT_TRUE(seen.insert(v.key.id).second) << v.key.id;
+      }
+      EXPECT_EQ(seen, std::set<U64>(present.begin(), present.end()));
+   }
+   r.detach();
+
+   double const seconds = testBudgetSeconds(1.5, 30.0);
+   int ready[2];
+   ASSERT_EQ(::pipe(ready), 0);
+   pid_t writer = ::fork();
+   ASSERT_GE(writer, 0);
+   if (writer == 0) {
+      ::close(ready[0]);
+      int code = 0;
+      try {
+         Writer w(c);
+         w.attach();
+         char ok = 1;
+         if (::write(ready[1], &ok, 1) != 1) _exit(3);
+         std::mt19937_64 rng(5);
+         auto const end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+         for (U64 n = 0, stamp = 1;; ++n) {
+            if ((n & 255) == 0 && std::chrono::steady_clock::now() >= end) break;
+            U64 const id = present[rng() % present.size()];
+            if (rng() % 5 == 0) {
+               // Out and back in: the freed slot goes to whichever key is
+               // inserted next, and the key comes back in another slot.
+               TestValue old;
+               w.remove(TestKey::of(id), old);
+               U64 const other = present[rng() % present.size()];
+               w.write(TestValue::of(other, ++stamp), true);
+            }
+            w.write(TestValue::of(id, ++stamp), true);
+         }
+         code = w.validate() ? 0 : 5;
+      } catch (std::exception const& e) {
+         std::fprintf(stderr, "writer: %s\n", e.what());
+         code = 4;
+      }
+      _exit(code);
+   }
+   ::close(ready[1]);
+   char ok = 0;
+   ASSERT_EQ(::read(ready[0], &ok, 1), 1) << "writer failed to attach";
+   ::close(ready[0]);
+   for (int i = 0; i < 1000 && !r.attach(message); ++i) ::usleep(1000);
+   ASSERT_TRUE(r.attached()) << message;
+
+   ChainReport report;
+   auto fail = [&](std::string const& text) {
+      if (report.failures++ == 0) std::snprintf(report.firstFailure, sizeof report.firstFailure, "%s", text.c_str());
+   };
+   std::map<U64, U64> newest;
+   std::mt19937_64 rng(6);
+   auto const end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+   try {
+      for (U64 n = 0; report.failures == 0; ++n) {
+         if ((n & 255) == 0 && std::chrono::steady_clock::now() >= end) break;
+         if (n % 500 == 499) {
+            TestValue v;
+            Zaffa::IterHint hint;
+            U64 entries = 0;
+            for (bool more = r.first(v, hint); more; more = r.next(v.key, v, hint)) {
+               if (!v.consistent()) fail(fmt::format("walk: torn value of key {}", v.key.id));
+               if (++entries > 4 * present.size()) {
+                  fail("walk does not end");
+                  break;
+               }
+            }
+            ++report.walks;
+            continue;
+         }
+         bool const wantAbsent = n % 8 == 0;
+         U64 const id = wantAbsent ? absent[rng() % absent.size()] : present[rng() % present.size()];
+         TestValue v;
+         bool const found = r.lookup(TestKey::of(id), v);
+         ++report.lookups;
+         if (wantAbsent) {
+            if (found) fail(fmt::format("found key {} that was never written", id));
+            continue;
+         }
+         if (!found) {
+            ++report.misses;   // between its removal and its return
+            continue;
+         }
+         ++report.hits;
+         if (!v.consistent()) fail(fmt::format("lookup of {}: torn value", id));
+         if (!(v.key == TestKey::of(id))) fail(fmt::format("lookup of {} returned key {}", id, v.key.id));
+         U64& last = newest[id];
+         if (v.stamp < last) fail(fmt::format("lookup of {} went back from stamp {} to {}", id, last, v.stamp));
+         last = v.stamp;
+      }
+   } catch (std::exception const& e) {
+      fail(std::string("exception: ") + e.what());
+   }
+   if (report.failures != 0) ::kill(writer, SIGKILL);
+   int status = 0;
+   ::waitpid(writer, &status, 0);
+   auto const& counters = r.counters();
+   std::printf("chain of %zu: %llu lookups (%llu hits, %llu misses of removed keys), %llu walks; lookaside "
+               "reads %llu, slot retries %llu, walk restarts %llu\n",
+               present.size(), (unsigned long long)report.lookups, (unsigned long long)report.hits,
+               (unsigned long long)report.misses, (unsigned long long)report.walks,
+               (unsigned long long)counters.lookasideReads, (unsigned long long)counters.retries,
+               (unsigned long long)counters.walkRestarts);
+   EXPECT_EQ(report.failures, 0u) << report.firstFailure;
+   if (report.failures == 0) {
+      EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "writer status " << status;
+   }
+   EXPECT_GT(report.hits, 1000u);
+   EXPECT_GT(report.walks, 0u);
 }
