@@ -1,39 +1,11 @@
 #include "UloNat/UloNatAsyncEntities.h"
 
 #include "framework/UloAssert.h"
+#include "framework/VorEntityCollections.h"
 
 namespace Ulo {
 
 namespace {
-
-template <typename Map>
-typename std::remove_reference_t<decltype(*std::declval<Map const&>().find(NatHwKey()))>
-findMember(Map const& map, NatHwKey const& key) {
-   auto const* member = map.find(key);
-   return member ? *member : typename std::remove_reference_t<decltype(*member)>();
-}
-
-// Makes the member of `key` with `make` unless there is one; notifies on a
-// new member. Returns the member.
-template <typename Map, typename Make, typename Notify>
-auto memberIs(Map& map, NatHwKey const& key, Make make, Notify notify) {
-   if (auto const* member = map.find(key)) return *member;
-   auto made = make(key);
-   map.insert(key, made);
-   notify(key);
-   return made;
-}
-
-// Removes the member of `key`, keeping it alive through the notification.
-template <typename Map, typename Notify>
-void memberDel(Map& map, NatHwKey const& key, Notify notify) {
-   NatHwKey const k = key;
-   auto const* member = map.find(k);
-   if (!member) return;
-   auto const gone = *member;
-   map.erase(k);
-   notify(k);
-}
 
 template <typename Map, typename Del>
 void memberDelAll(Map& map, Del del) {
@@ -92,31 +64,31 @@ NatRequestQueue::Request NatRequestQueue::pending(U32 index) const {
 // ---- NatRequestQueueDir ----
 
 Vor::Ptr<NatRequestQueue> NatRequestQueueDir::requestQ(NatHwKey const& key) const {
-   return findMember(requestQ_, key);
+   return Vor::memberValue(requestQ_, key);
 }
 
 Vor::Ptr<NatRequestQueue> NatRequestQueueDir::requestQIs(NatHwKey const& key) {
-   return memberIs(requestQ_, key, natRequestQueueFactory,
+   return Vor::memberEntityIs(requestQ_, key, natRequestQueueFactory,
                    [this](NatHwKey const& k) { memberChanged(requestQId, k); });
 }
 
 void NatRequestQueueDir::requestQDel(NatHwKey const& key) {
-   memberDel(requestQ_, key, [this](NatHwKey const& k) { memberChanged(requestQId, k); });
+   Vor::memberEntityDel(requestQ_, key, [this](NatHwKey const& k) { memberChanged(requestQId, k); });
 }
 
 // ---- NatAsyncHwConfigDir ----
 
 Vor::Ptr<NatAsyncHwConfig> NatAsyncHwConfigDir::config(NatHwKey const& key) const {
-   return findMember(config_, key);
+   return Vor::memberValue(config_, key);
 }
 
 Vor::Ptr<NatAsyncHwConfig> NatAsyncHwConfigDir::configIs(NatHwKey const& key) {
-   return memberIs(config_, key, natAsyncHwConfigFactory,
+   return Vor::memberEntityIs(config_, key, natAsyncHwConfigFactory,
                    [this](NatHwKey const& k) { memberChanged(configId, k); });
 }
 
 void NatAsyncHwConfigDir::configDel(NatHwKey const& key) {
-   memberDel(config_, key, [this](NatHwKey const& k) { memberChanged(configId, k); });
+   Vor::memberEntityDel(config_, key, [this](NatHwKey const& k) { memberChanged(configId, k); });
 }
 
 void NatAsyncHwConfigDir::configDelAll() {
@@ -138,16 +110,16 @@ char const* NatAsyncHwStatus::stateName(State state) {
 }
 
 Vor::Ptr<NatAsyncHwStatus> NatAsyncHwStatusDir::status(NatHwKey const& key) const {
-   return findMember(status_, key);
+   return Vor::memberValue(status_, key);
 }
 
 Vor::Ptr<NatAsyncHwStatus> NatAsyncHwStatusDir::statusIs(NatHwKey const& key) {
-   return memberIs(status_, key, natAsyncHwStatusFactory,
+   return Vor::memberEntityIs(status_, key, natAsyncHwStatusFactory,
                    [this](NatHwKey const& k) { memberChanged(statusId, k); });
 }
 
 void NatAsyncHwStatusDir::statusDel(NatHwKey const& key) {
-   memberDel(status_, key, [this](NatHwKey const& k) { memberChanged(statusId, k); });
+   Vor::memberEntityDel(status_, key, [this](NatHwKey const& k) { memberChanged(statusId, k); });
 }
 
 void NatAsyncHwStatusDir::statusDelAll() {

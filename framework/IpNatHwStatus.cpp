@@ -4,31 +4,6 @@
 
 namespace Ip::Nat {
 
-namespace {
-
-template <typename M, typename K>
-typename M::mapped_type findMember(M const& m, K const& key) {
-   auto it = m.find(key);
-   return it == m.end() ? typename M::mapped_type() : it->second;
-}
-
-// Removes member `key` of a map of entities and calls `notify` with a copy
-// of the key while the member is still alive, so that a reactor that looks
-// at the member it is told about finds it whole. Returns whether it was
-// there.
-template <typename M, typename K, typename Notify>
-bool entityMemberDel(M& m, K const& key, Notify notify) {
-   K const k = key;
-   auto it = m.find(k);
-   if (it == m.end()) return false;
-   typename M::mapped_type const gone = it->second;
-   m.erase(it);
-   notify(k);
-   return true;
-}
-
-} // namespace
-
 // ---- HwNatStaticConnection ----
 
 HwNatStaticConnection::HwNatStaticConnection(StaticKey const& key,
@@ -100,7 +75,7 @@ HwIntfStatus::HwIntfStatus(Vor::String const& name, Lumet::IntfId const& intfId)
     : Vor::Entity(name), intfId_(intfId) {}
 
 Ptr<HwNatStaticConnection> HwIntfStatus::staticConnectionHw(StaticKey const& key) const {
-   return findMember(staticConnectionHw_, key);
+   return Vor::memberValue(staticConnectionHw_, key);
 }
 
 Ptr<HwNatStaticConnection> HwIntfStatus::staticConnectionHwIs(StaticKey const& key,
@@ -123,7 +98,7 @@ Ptr<HwNatStaticConnection> HwIntfStatus::staticConnectionHwIs(StaticKey const& k
 }
 
 void HwIntfStatus::staticConnectionHwDel(StaticKey const& key) {
-   entityMemberDel(staticConnectionHw_, key, [this](StaticKey const& k) {
+   Vor::memberEntityDel(staticConnectionHw_, key, [this](StaticKey const& k) {
       ++staticConnectionHwVersion_;
       memberChanged(staticConnectionHwId, k);
    });
@@ -145,7 +120,7 @@ void HwIntfStatus::staticConnectionHwCountDel(StaticKey const& key) {
 }
 
 Ptr<HwNatTwiceConnection> HwIntfStatus::twiceNatConnectionHw(U16 group) const {
-   return findMember(twiceNatConnectionHw_, group);
+   return Vor::memberValue(twiceNatConnectionHw_, group);
 }
 
 Ptr<HwNatTwiceConnection> HwIntfStatus::twiceNatConnectionHwIs(U16 group, U8 protocol, U16 vlanId,
@@ -166,7 +141,7 @@ Ptr<HwNatTwiceConnection> HwIntfStatus::twiceNatConnectionHwIs(U16 group, U8 pro
 }
 
 void HwIntfStatus::twiceNatConnectionHwDel(U16 group) {
-   entityMemberDel(twiceNatConnectionHw_, group, [this](U16 const& g) {
+   Vor::memberEntityDel(twiceNatConnectionHw_, group, [this](U16 const& g) {
       ++twiceNatConnectionHwVersion_;
       memberChanged(twiceNatConnectionHwId, g);
    });
@@ -177,20 +152,17 @@ void HwIntfStatus::twiceNatConnectionHwDelAll() {
 }
 
 Ptr<HwNatTwiceCount> HwIntfStatus::twiceNatConnectionHwCount(U16 group) const {
-   return findMember(twiceNatConnectionHwCount_, group);
+   return Vor::memberValue(twiceNatConnectionHwCount_, group);
 }
 
 Ptr<HwNatTwiceCount> HwIntfStatus::twiceNatConnectionHwCountIs(U16 group) {
-   auto it = twiceNatConnectionHwCount_.find(group);
-   if (it != twiceNatConnectionHwCount_.end()) return it->second;
-   Ptr<HwNatTwiceCount> member(new HwNatTwiceCount(group));
-   twiceNatConnectionHwCount_.emplace(group, member);
-   memberChanged(twiceNatConnectionHwCountId, group);
-   return member;
+   return Vor::memberEntityIs(
+      twiceNatConnectionHwCount_, group, [](U16 g) { return Ptr<HwNatTwiceCount>(new HwNatTwiceCount(g)); },
+      [this](U16 g) { memberChanged(twiceNatConnectionHwCountId, g); });
 }
 
 void HwIntfStatus::twiceNatConnectionHwCountDel(U16 group) {
-   entityMemberDel(twiceNatConnectionHwCount_, group,
+   Vor::memberEntityDel(twiceNatConnectionHwCount_, group,
                    [this](U16 const& g) { memberChanged(twiceNatConnectionHwCountId, g); });
 }
 
@@ -215,21 +187,21 @@ HwNatVrfStaticConnection::HwNatVrfStaticConnection(Lumet::IpAddr const& srcAddre
 HwVrfStatus::HwVrfStatus(L3::VrfName const& name) : Vor::Entity(name.stringValue()), vrfName_(name) {}
 
 Ptr<HwNatVrfStaticConnection> HwVrfStatus::staticNat(Lumet::IpAddr const& addr) const {
-   return findMember(staticNat_, addr);
+   return Vor::memberValue(staticNat_, addr);
 }
 
 Ptr<HwNatVrfStaticConnection> HwVrfStatus::staticNatIs(Lumet::IpAddr const& addr) {
-   auto it = staticNat_.find(addr);
-   if (it != staticNat_.end()) return it->second;
-   Ptr<HwNatVrfStaticConnection> member(new HwNatVrfStaticConnection(addr));
-   staticNat_.emplace(addr, member);
-   ++staticNatVersion_;
-   memberChanged(staticNatId, addr);
-   return member;
+   return Vor::memberEntityIs(
+      staticNat_, addr,
+      [](Lumet::IpAddr const& a) { return Ptr<HwNatVrfStaticConnection>(new HwNatVrfStaticConnection(a)); },
+      [this](Lumet::IpAddr const& a) {
+         ++staticNatVersion_;
+         memberChanged(staticNatId, a);
+      });
 }
 
 void HwVrfStatus::staticNatDel(Lumet::IpAddr const& addr) {
-   entityMemberDel(staticNat_, addr, [this](Lumet::IpAddr const& a) {
+   Vor::memberEntityDel(staticNat_, addr, [this](Lumet::IpAddr const& a) {
       ++staticNatVersion_;
       memberChanged(staticNatId, a);
    });
@@ -242,20 +214,18 @@ void HwVrfStatus::staticNatDelAll() {
 // ---- HwStatus ----
 
 Ptr<HwIntfStatus> HwStatus::intfStatus(Lumet::IntfId const& intf) const {
-   return findMember(intfStatus_, intf);
+   return Vor::memberValue(intfStatus_, intf);
 }
 
 Ptr<HwIntfStatus> HwStatus::intfStatusIs(Vor::String const& name, Lumet::IntfId const& intf) {
-   auto it = intfStatus_.find(intf);
-   if (it != intfStatus_.end()) return it->second;
-   Ptr<HwIntfStatus> member(new HwIntfStatus(name, intf));
-   intfStatus_.emplace(intf, member);
-   memberChanged(intfStatusId, intf);
-   return member;
+   return Vor::memberEntityIs(
+      intfStatus_, intf,
+      [&name](Lumet::IntfId const& k) { return Ptr<HwIntfStatus>(new HwIntfStatus(name, k)); },
+      [this](Lumet::IntfId const& k) { memberChanged(intfStatusId, k); });
 }
 
 void HwStatus::intfStatusDel(Lumet::IntfId const& intf) {
-   entityMemberDel(intfStatus_, intf,
+   Vor::memberEntityDel(intfStatus_, intf,
                    [this](Lumet::IntfId const& k) { memberChanged(intfStatusId, k); });
 }
 
@@ -264,20 +234,17 @@ void HwStatus::intfStatusDelAll() {
 }
 
 Ptr<HwVrfStatus> HwStatus::vrfStatus(L3::VrfName const& name) const {
-   return findMember(vrfStatus_, name);
+   return Vor::memberValue(vrfStatus_, name);
 }
 
 Ptr<HwVrfStatus> HwStatus::vrfStatusIs(L3::VrfName const& name) {
-   auto it = vrfStatus_.find(name);
-   if (it != vrfStatus_.end()) return it->second;
-   Ptr<HwVrfStatus> member(new HwVrfStatus(name));
-   vrfStatus_.emplace(name, member);
-   memberChanged(vrfStatusId, name);
-   return member;
+   return Vor::memberEntityIs(
+      vrfStatus_, name, [](L3::VrfName const& k) { return Ptr<HwVrfStatus>(new HwVrfStatus(k)); },
+      [this](L3::VrfName const& k) { memberChanged(vrfStatusId, k); });
 }
 
 void HwStatus::vrfStatusDel(L3::VrfName const& name) {
-   entityMemberDel(vrfStatus_, name, [this](L3::VrfName const& k) { memberChanged(vrfStatusId, k); });
+   Vor::memberEntityDel(vrfStatus_, name, [this](L3::VrfName const& k) { memberChanged(vrfStatusId, k); });
 }
 
 void HwStatus::vrfStatusDelAll() {

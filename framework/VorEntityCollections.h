@@ -16,8 +16,10 @@
 #include <cstddef>
 #include <map>
 #include <memory>
+#include <type_traits>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 
 #include "framework/VorException.h"
 #include "framework/VorHash.h"
@@ -45,11 +47,59 @@ bool memberKeyIs(S& s, K const& key) {
    return s.insert(key).second;
 }
 
-// The value of member `key`, or the value type's default when absent.
+namespace Impl {
+
+// A pointer to the value of member `key` of `m`, or null. The standard maps
+// answer find() with an iterator, the Vor maps with a pointer; the helpers
+// below serve both.
 template <typename M, typename K>
-typename M::mapped_type memberValue(M const& m, K const& key) {
-   auto it = m.find(key);
-   return it == m.end() ? typename M::mapped_type() : it->second;
+auto memberPtr(M& m, K const& key) {
+   if constexpr (std::is_pointer_v<decltype(m.find(key))>) {
+      return m.find(key);
+   } else {
+      auto it = m.find(key);
+      return it == m.end() ? nullptr : &it->second;
+   }
+}
+
+template <typename M, typename K>
+using MemberValue = std::remove_cvref_t<decltype(*memberPtr(std::declval<M&>(), std::declval<K const&>()))>;
+
+} // namespace Impl
+
+// The value of member `key`, or the value type's default when absent (a
+// null pointer for a map of entities).
+template <typename M, typename K>
+Impl::MemberValue<M const, K> memberValue(M const& m, K const& key) {
+   auto const* value = Impl::memberPtr(m, key);
+   return value != nullptr ? *value : Impl::MemberValue<M const, K>();
+}
+
+// Member `key` of `m`, a map of pointers to entities. When it is absent it
+// is made by `make(key)` and added, and then `notify(key)` is called.
+template <typename M, typename K, typename Make, typename Notify>
+Impl::MemberValue<M, K> memberEntityIs(M& m, K const& key, Make make, Notify notify) {
+   if (auto const* member = Impl::memberPtr(m, key)) return *member;
+   Impl::MemberValue<M, K> made = make(key);
+   m.emplace(key, made);
+   notify(key);
+   return made;
+}
+
+// Removes member `key` of `m`, a map of pointers to entities, and calls
+// `notify` with a copy of the key while the member is still alive, so that a
+// reactor that looks at the member it is told about finds it whole. `key`
+// may be the member's own key (xDelAll passes the first member's): it is
+// copied before the member goes. Returns whether there was a member.
+template <typename M, typename K, typename Notify>
+bool memberEntityDel(M& m, K const& key, Notify notify) {
+   K const k = key;
+   auto const* member = Impl::memberPtr(m, k);
+   if (member == nullptr) return false;
+   auto const gone = *member;
+   m.erase(k);
+   notify(k);
+   return true;
 }
 
 // Hash functor for value types that offer `U32 hash(U32 seed) const`: the
