@@ -74,27 +74,17 @@ void IntfStatus::twiceNatConnectionDelAll() {
 }
 
 Ptr<NatDynamicTrapRule> IntfStatus::trapRule(DynamicKey const& key) const {
-   auto it = trapRule_.find(key);
-   return it == trapRule_.end() ? Ptr<NatDynamicTrapRule>() : it->second;
+   return Vor::memberValue(trapRule_, key);
 }
 
 Ptr<NatDynamicTrapRule> IntfStatus::trapRuleIs(DynamicKey const& key) {
-   auto it = trapRule_.find(key);
-   if (it != trapRule_.end()) return it->second;
-   Ptr<NatDynamicTrapRule> rule(new NatDynamicTrapRule(key));
-   trapRule_.emplace(key, rule);
-   memberChanged(trapRuleId, key);
-   return rule;
+   return Vor::memberEntityIs(
+      trapRule_, key, [](DynamicKey const& k) { return Ptr<NatDynamicTrapRule>(new NatDynamicTrapRule(k)); },
+      [this](DynamicKey const& k) { memberChanged(trapRuleId, k); });
 }
 
 void IntfStatus::trapRuleDel(DynamicKey const& key) {
-   DynamicKey const k = key;
-   auto it = trapRule_.find(k);
-   if (it == trapRule_.end()) return;
-   // Keep the rule alive until the reactors have heard of its removal.
-   Ptr<NatDynamicTrapRule> const gone = it->second;
-   trapRule_.erase(it);
-   memberChanged(trapRuleId, k);
+   Vor::memberEntityDel(trapRule_, key, [this](DynamicKey const& k) { memberChanged(trapRuleId, k); });
 }
 
 void IntfStatus::trapRuleDelAll() {
@@ -148,26 +138,17 @@ void VrfStatus::staticNatDelAll() {
 // ---- Status ----
 
 Ptr<IntfStatus> Status::intfStatus(Lumet::IntfId const& intf) const {
-   auto it = intfStatus_.find(intf);
-   return it == intfStatus_.end() ? Ptr<IntfStatus>() : it->second;
+   return Vor::memberValue(intfStatus_, intf);
 }
 
 Ptr<IntfStatus> Status::intfStatusIs(Lumet::IntfId const& intf) {
-   auto it = intfStatus_.find(intf);
-   if (it != intfStatus_.end()) return it->second;
-   Ptr<IntfStatus> member(new IntfStatus(intf));
-   intfStatus_.emplace(intf, member);
-   memberChanged(intfStatusId, intf);
-   return member;
+   return Vor::memberEntityIs(
+      intfStatus_, intf, [](Lumet::IntfId const& k) { return Ptr<IntfStatus>(new IntfStatus(k)); },
+      [this](Lumet::IntfId const& k) { memberChanged(intfStatusId, k); });
 }
 
 void Status::intfStatusDel(Lumet::IntfId const& intf) {
-   Lumet::IntfId const key = intf;
-   auto it = intfStatus_.find(key);
-   if (it == intfStatus_.end()) return;
-   Ptr<IntfStatus> const gone = it->second;
-   intfStatus_.erase(it);
-   memberChanged(intfStatusId, key);
+   Vor::memberEntityDel(intfStatus_, intf, [this](Lumet::IntfId const& k) { memberChanged(intfStatusId, k); });
 }
 
 void Status::intfStatusDelAll() {
@@ -192,26 +173,17 @@ void Status::natGroupInfoDel(U16 connMark) {
 }
 
 Ptr<VrfStatus> Status::vrfStatus(L3::VrfName const& name) const {
-   auto it = vrfStatus_.find(name);
-   return it == vrfStatus_.end() ? Ptr<VrfStatus>() : it->second;
+   return Vor::memberValue(vrfStatus_, name);
 }
 
 Ptr<VrfStatus> Status::vrfStatusIs(L3::VrfName const& name) {
-   auto it = vrfStatus_.find(name);
-   if (it != vrfStatus_.end()) return it->second;
-   Ptr<VrfStatus> member(new VrfStatus(name));
-   vrfStatus_.emplace(name, member);
-   memberChanged(vrfStatusId, name);
-   return member;
+   return Vor::memberEntityIs(
+      vrfStatus_, name, [](L3::VrfName const& k) { return Ptr<VrfStatus>(new VrfStatus(k)); },
+      [this](L3::VrfName const& k) { memberChanged(vrfStatusId, k); });
 }
 
 void Status::vrfStatusDel(L3::VrfName const& name) {
-   L3::VrfName const key = name;
-   auto it = vrfStatus_.find(key);
-   if (it == vrfStatus_.end()) return;
-   Ptr<VrfStatus> const gone = it->second;
-   vrfStatus_.erase(it);
-   memberChanged(vrfStatusId, key);
+   Vor::memberEntityDel(vrfStatus_, name, [this](L3::VrfName const& k) { memberChanged(vrfStatusId, k); });
 }
 
 } // namespace Ip::Nat

@@ -8,6 +8,8 @@
 //
 //   if (Vor::memberValueIs(validIntf_, intf, vlan)) memberChanged(validIntfId, intf);
 //
+// The map helpers serve the standard maps and the Vor maps alike.
+//
 // Keys are copied before a member is erased and the copy is what reactors
 // see: a reactor must never be handed a pointer into a node that is gone.
 //
@@ -26,20 +28,6 @@
 #include "framework/VorPtr.h"
 
 namespace Vor {
-
-// Sets member `key` of map `m` to `value`. Returns true when the member was
-// added or its value changed, false when it already held `value`.
-template <typename M, typename K, typename V>
-bool memberValueIs(M& m, K const& key, V const& value) {
-   auto it = m.find(key);
-   if (it == m.end()) {
-      m.emplace(key, value);
-      return true;
-   }
-   if (it->second == value) return false;
-   it->second = value;
-   return true;
-}
 
 // Adds `key` to set `s`. Returns true when it was not there.
 template <typename S, typename K>
@@ -67,6 +55,19 @@ using MemberValue = std::remove_cvref_t<decltype(*memberPtr(std::declval<M&>(), 
 
 } // namespace Impl
 
+// Sets member `key` of map `m` to `value`. Returns true when the member was
+// added or its value changed, false when it already held `value`.
+template <typename M, typename K, typename V>
+bool memberValueIs(M& m, K const& key, V const& value) {
+   if (auto* current = Impl::memberPtr(m, key)) {
+      if (*current == value) return false;
+      *current = value;
+      return true;
+   }
+   m.emplace(key, value);
+   return true;
+}
+
 // The value of member `key`, or the value type's default when absent (a
 // null pointer for a map of entities).
 template <typename M, typename K>
@@ -84,6 +85,11 @@ Impl::MemberValue<M, K> memberEntityIs(M& m, K const& key, Make make, Notify not
    m.emplace(key, made);
    notify(key);
    return made;
+}
+// The same for a map that nobody watches.
+template <typename M, typename K, typename Make>
+Impl::MemberValue<M, K> memberEntityIs(M& m, K const& key, Make make) {
+   return memberEntityIs(m, key, make, [](K const&) {});
 }
 
 // Removes member `key` of `m`, a map of pointers to entities, and calls

@@ -95,14 +95,30 @@ TYPED_TEST(EntityCollections, MembersAreMadeOnceAndKeptAliveThroughTheirRemoval)
    EXPECT_EQ(this->destroyed, (std::vector<int>{2}));
 }
 
-TEST(EntityCollections, MemberValueOfAValueMapGivesTheDefaultWhenAbsent) {
-   std::map<int, int> m{{1, 5}};
+template <typename M>
+class ValueCollections : public ::testing::Test {
+ protected:
+   M map;
+};
+using ValueMapTypes = ::testing::Types<std::map<int, int>, Vor::HashMap<int, int>, Vor::RbTreeMapGeneric<int, int>>;
+TYPED_TEST_SUITE(ValueCollections, ValueMapTypes);
+
+// memberValueIs reports a change exactly when the map changed, which is what
+// an entity notifies on.
+TYPED_TEST(ValueCollections, SettingAValueReportsOnlyChanges) {
+   auto& m = this->map;
+   EXPECT_EQ(Vor::memberValue(m, 1), 0);
+   EXPECT_TRUE(Vor::memberValueIs(m, 1, 5));
+   EXPECT_FALSE(Vor::memberValueIs(m, 1, 5));
    EXPECT_EQ(Vor::memberValue(m, 1), 5);
-   EXPECT_EQ(Vor::memberValue(m, 2), 0);
-   Vor::HashMap<int, int> h;
-   h.insert(1, 5);
-   EXPECT_EQ(Vor::memberValue(h, 1), 5);
-   EXPECT_EQ(Vor::memberValue(h, 2), 0);
+   EXPECT_TRUE(Vor::memberValueIs(m, 1, 6));
+   EXPECT_EQ(Vor::memberValue(m, 1), 6);
+   // A value equal to the default is a member all the same.
+   EXPECT_TRUE(Vor::memberValueIs(m, 2, 0));
+   EXPECT_FALSE(Vor::memberValueIs(m, 2, 0));
+   EXPECT_EQ(m.size(), 2u);
+   EXPECT_EQ(Vor::memberValue(m, 3), 0);
+   EXPECT_EQ(m.size(), 2u);
 }
 
 } // namespace
