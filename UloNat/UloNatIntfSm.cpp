@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "framework/UloAssert.h"
+#include "framework/VorEntityCollections.h"
 #include "framework/VorLog.h"
 #include "framework/VorTrace.h"
 
@@ -138,22 +139,17 @@ L3::VrfName NatIntfStatusSm::vrfName() const {
 }
 
 Ptr<StaticNatAddrInfo> NatIntfStatusSm::watchedAddrStaticKey(Lumet::IpAddr const& addr) const {
-   auto it = watchedAddrStaticKey_.find(addr);
-   return it == watchedAddrStaticKey_.end() ? Ptr<StaticNatAddrInfo>() : it->second;
+   return Vor::memberValue(watchedAddrStaticKey_, addr);
 }
 
 Ptr<DeferredStaticNatConnectionHw> NatIntfStatusSm::deferredStaticNatConnectionHw(
    Ip::Nat::StaticKey const& key) const {
-   auto it = deferredStaticNatConnectionHw_.find(key);
-   return it == deferredStaticNatConnectionHw_.end() ? Ptr<DeferredStaticNatConnectionHw>()
-                                                     : it->second;
+   return Vor::memberValue(deferredStaticNatConnectionHw_, key);
 }
 
 Ptr<DeferredTwiceNatConnectionHw> NatIntfStatusSm::deferredTwiceNatConnectionHw(
    TwiceNatKey const& key) const {
-   auto it = deferredTwiceNatConnectionHw_.find(key);
-   return it == deferredTwiceNatConnectionHw_.end() ? Ptr<DeferredTwiceNatConnectionHw>()
-                                                    : it->second;
+   return Vor::memberValue(deferredTwiceNatConnectionHw_, key);
 }
 
 Ptr<Ip::Nat::HwIntfStatus> NatIntfStatusSm::hwIntfStatus() const {

@@ -7,6 +7,7 @@
 
 #include "framework/UloAssert.h"
 #include "framework/VorClock.h"
+#include "framework/VorEntityCollections.h"
 #include "framework/VorTrace.h"
 
 VOR_TRACE_HANDLE("UloNatSm");
@@ -254,8 +255,7 @@ Ptr<NatSm> natSmFactory(Ptr<UloCommonSmData> const& commonSmData,
 }
 
 Ptr<Dov::TimerTask> NatSm::unprogrammedTask(NatType type) const {
-   auto it = unprogrammedTaskPtr_.find(type);
-   return it == unprogrammedTaskPtr_.end() ? Ptr<Dov::TimerTask>() : it->second;
+   return Vor::memberValue(unprogrammedTaskPtr_, type);
 }
 
 void NatSm::vorDoZombieReactors(bool zombie) { UloBaseSm::vorDoZombieReactors(zombie); }

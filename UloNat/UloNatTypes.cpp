@@ -1,6 +1,7 @@
 #include "UloNat/UloNatTypes.h"
 
 #include "framework/UloAssert.h"
+#include "framework/VorEntityCollections.h"
 #include "framework/VorException.h"
 #include "framework/VorTrace.h"
 
@@ -25,8 +26,7 @@ std::string TwiceNatKey::stringValue() const {
 // ---- NatIntfInfo ----
 
 U32 NatIntfInfo::intf(Lumet::IntfId const& intf) const {
-   U32 const* count = intf_.find(intf);
-   return count ? *count : 0;
+   return Vor::memberValue(intf_, intf);
 }
 
 void NatIntfInfo::intfIs(Lumet::IntfId const& intf, U32 count) {
@@ -60,8 +60,7 @@ void NatIntfInfo::removeIntf(Lumet::IntfId const& natIntf) {
 // ---- NatSmStatusVrf ----
 
 U32 NatSmStatusVrf::routeResolverRefCount(Lumet::IpAddr const& addr) const {
-   auto it = routeResolverRefCount_.find(addr);
-   return it == routeResolverRefCount_.end() ? 0 : it->second;
+   return Vor::memberValue(routeResolverRefCount_, addr);
 }
 
 void NatSmStatusVrf::routeResolverRefCountIs(Lumet::IpAddr const& addr, U32 count) {
@@ -73,15 +72,12 @@ void NatSmStatusVrf::routeResolverRefCountIs(Lumet::IpAddr const& addr, U32 coun
 }
 
 Ptr<NatIntfInfo> NatSmStatusVrf::ipAddrIntfInfo(Lumet::IpAddr const& addr) const {
-   Ptr<NatIntfInfo> const* info = ipAddrIntfInfo_.find(addr);
-   return info ? *info : Ptr<NatIntfInfo>();
+   return Vor::memberValue(ipAddrIntfInfo_, addr);
 }
 
 Ptr<NatIntfInfo> NatSmStatusVrf::ipAddrIntfInfoIs(Lumet::IpAddr const& addr) {
-   if (Ptr<NatIntfInfo> const* info = ipAddrIntfInfo_.find(addr)) return *info;
-   Ptr<NatIntfInfo> info(new NatIntfInfo(addr));
-   ipAddrIntfInfo_.insert(addr, info);
-   return info;
+   return Vor::memberEntityIs(ipAddrIntfInfo_, addr,
+                              [](Lumet::IpAddr const& a) { return Ptr<NatIntfInfo>(new NatIntfInfo(a)); });
 }
 
 void NatSmStatusVrf::addAddress(Lumet::IntfId const& intf, Lumet::IpAddr const& addr) {
@@ -115,8 +111,7 @@ Ptr<DynamicHwEntry> dynamicHwEntryIs(NatSmStatusVrf::DynamicHwEntryMap& map,
 } // namespace
 
 Ptr<DynamicHwEntry> NatSmStatusVrf::dynamicFwdHwEntries(Lumet::ConnTuple const& conn) const {
-   Ptr<DynamicHwEntry> const* entry = dynamicFwdHwEntries_.find(conn);
-   return entry ? *entry : Ptr<DynamicHwEntry>();
+   return Vor::memberValue(dynamicFwdHwEntries_, conn);
 }
 
 Ptr<DynamicHwEntry> NatSmStatusVrf::dynamicFwdHwEntriesIs(Lumet::ConnTuple const& conn,
@@ -126,8 +121,7 @@ Ptr<DynamicHwEntry> NatSmStatusVrf::dynamicFwdHwEntriesIs(Lumet::ConnTuple const
 }
 
 Ptr<DynamicHwEntry> NatSmStatusVrf::dynamicRvsHwEntries(Lumet::ConnTuple const& conn) const {
-   Ptr<DynamicHwEntry> const* entry = dynamicRvsHwEntries_.find(conn);
-   return entry ? *entry : Ptr<DynamicHwEntry>();
+   return Vor::memberValue(dynamicRvsHwEntries_, conn);
 }
 
 Ptr<DynamicHwEntry> NatSmStatusVrf::dynamicRvsHwEntriesIs(Lumet::ConnTuple const& conn,
@@ -138,48 +132,35 @@ Ptr<DynamicHwEntry> NatSmStatusVrf::dynamicRvsHwEntriesIs(Lumet::ConnTuple const
 
 Ptr<DynamicFullConeHwEntry> NatSmStatusVrf::dynamicFullConeHwEntries(
    Lumet::IpAndPort const& natAddr) const {
-   Ptr<DynamicFullConeHwEntry> const* entry = dynamicFullConeHwEntries_.find(natAddr);
-   return entry ? *entry : Ptr<DynamicFullConeHwEntry>();
+   return Vor::memberValue(dynamicFullConeHwEntries_, natAddr);
 }
 
 Ptr<DynamicFullConeHwEntry> NatSmStatusVrf::dynamicFullConeHwEntriesIs(Lumet::IpAndPort const& natAddr) {
-   if (Ptr<DynamicFullConeHwEntry> const* entry = dynamicFullConeHwEntries_.find(natAddr)) {
-      return *entry;
-   }
-   Ptr<DynamicFullConeHwEntry> entry(new DynamicFullConeHwEntry(natAddr));
-   dynamicFullConeHwEntries_.insert(natAddr, entry);
-   return entry;
+   return Vor::memberEntityIs(dynamicFullConeHwEntries_, natAddr, [](Lumet::IpAndPort const& a) {
+      return Ptr<DynamicFullConeHwEntry>(new DynamicFullConeHwEntry(a));
+   });
 }
 
 // ---- NatSmStatus ----
 
 U16 NatSmStatus::vlanIdToProfileId(U16 vlan) const {
-   auto it = vlanIdToProfileId_.find(vlan);
-   return it == vlanIdToProfileId_.end() ? 0 : it->second;
+   return Vor::memberValue(vlanIdToProfileId_, vlan);
 }
 
 Ptr<NatUnprogrammedEntries> NatSmStatus::unprogrammedEntries(Lumet::IntfId const& intf) const {
-   Ptr<NatUnprogrammedEntries> const* entries = unprogrammedEntries_.find(intf);
-   return entries ? *entries : Ptr<NatUnprogrammedEntries>();
+   return Vor::memberValue(unprogrammedEntries_, intf);
 }
 
 Ptr<NatUnprogrammedEntries> NatSmStatus::unprogrammedEntriesIs(Lumet::IntfId const& intf) {
-   if (Ptr<NatUnprogrammedEntries> const* entries = unprogrammedEntries_.find(intf)) return *entries;
-   Ptr<NatUnprogrammedEntries> entries = natUnprogrammedEntriesFactory(intf);
-   unprogrammedEntries_.insert(intf, entries);
-   return entries;
+   return Vor::memberEntityIs(unprogrammedEntries_, intf, natUnprogrammedEntriesFactory);
 }
 
 Ptr<NatSmStatusVrf> NatSmStatus::natSmStatusVrf(VrfId vrfId) const {
-   Ptr<NatSmStatusVrf> const* vrf = natSmStatusVrf_.find(vrfId);
-   return vrf ? *vrf : Ptr<NatSmStatusVrf>();
+   return Vor::memberValue(natSmStatusVrf_, vrfId);
 }
 
 Ptr<NatSmStatusVrf> NatSmStatus::natSmStatusVrfIs(VrfId vrfId) {
-   if (Ptr<NatSmStatusVrf> const* vrf = natSmStatusVrf_.find(vrfId)) return *vrf;
-   Ptr<NatSmStatusVrf> vrf = natSmStatusVrfFactory(vrfId);
-   natSmStatusVrf_.insert(vrfId, vrf);
-   return vrf;
+   return Vor::memberEntityIs(natSmStatusVrf_, vrfId, natSmStatusVrfFactory);
 }
 
 void NatSmStatus::addRouteConfigWatchedAddr(Lumet::IpAddr const& addr, VrfId vrfId) {
