@@ -18,16 +18,8 @@ namespace Ulo {
 namespace {
 
 // The messages this file emits; each emitting source holds its own handle.
-Vor::LogHandle NAT_HW_RESOURCE_NORMAL(
-   "NAT_HW_RESOURCE_NORMAL", 6, "All NAT rules are programmed in hardware",
-   "The switch was able to program all the NAT rules in the NAT table", Vor::NoActionRequired,
-   0.0, 1.0, 0);
-
-Vor::LogHandle NAT_HW_RESOURCE_FULL(
-   "NAT_HW_RESOURCE_FULL", 3, "Hardware resources are insufficient to program all NAT rules",
-   "The switch is unable to program all NAT rules due to insufficient hardware resources.",
-   "Reconfigure your NAT rules to reduce the size and/or complexity of the NAT rules.", 0.0, 1.0,
-   0);
+Vor::LogHandle NAT_HW_RESOURCE_NORMAL = natHwResourceNormalLogHandle();
+Vor::LogHandle NAT_HW_RESOURCE_FULL = natHwResourceFullLogHandle();
 
 } // namespace
 

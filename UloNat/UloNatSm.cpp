@@ -18,21 +18,9 @@ namespace {
 
 // The root's messages, registered when the library loads. The engines emit
 // the resource messages through handles of their own with the same contents.
-Vor::LogHandle NAT_HW_RESOURCE_NORMAL(
-   "NAT_HW_RESOURCE_NORMAL", 6, "All NAT rules are programmed in hardware",
-   "The switch was able to program all the NAT rules in the NAT table", Vor::NoActionRequired,
-   0.0, 1.0, 0);
-Vor::LogHandle NAT_HW_RESOURCE_FULL(
-   "NAT_HW_RESOURCE_FULL", 3, "Hardware resources are insufficient to program all NAT rules",
-   "The switch is unable to program all NAT rules due to insufficient hardware resources.",
-   "Reconfigure your NAT rules to reduce the size and/or complexity of the NAT rules.", 0.0, 1.0,
-   0);
-Vor::LogHandle NAT_RULE_IF_MAX(
-   "NAT_RULE_IF_MAX", 3,
-   "The active number of interfaces associated with the NAT rule: '%s', has exceeded the "
-   "maximum. Cannot add VLAN %d. Interface count: %d, Maximum interfaces: %d.",
-   "The maximum number of active interfaces associated with the NAT rule has been reached.",
-   "Remove the NAT rule from any interface not currently in use.", 0.0, 1.0, 0);
+Vor::LogHandle NAT_HW_RESOURCE_NORMAL = natHwResourceNormalLogHandle();
+Vor::LogHandle NAT_HW_RESOURCE_FULL = natHwResourceFullLogHandle();
+Vor::LogHandle NAT_RULE_IF_MAX = natRuleIfMaxLogHandle();
 
 L3::VrfName const defaultVrfName("default");
 

@@ -14,6 +14,7 @@
 //   NatUnprogrammedEntries  per interface, what could not be programmed
 //   NatSmStatusNotif        the entity by which engines signal the root
 //   TwiceNatKey             a twice NAT entry: group and tuple
+//   nat...LogHandle()       the contents of the syslog-type messages
 //
 // Nothing here is kept across a restart. There is no logic beyond counting
 // references; a mismatch between the counts and the engines is found by the
@@ -34,6 +35,7 @@
 #include "framework/VorEntity.h"
 #include "framework/VorHashMap.h"
 #include "framework/VorHashMap2018.h"
+#include "framework/VorLog.h"
 #include "framework/VorPtr.h"
 #include "framework/VorSet.h"
 
@@ -401,5 +403,14 @@ Ptr<NatSmStatus> natSmStatusFactory(Ptr<NextHopMapConfig> const& nhMapConfig,
 Ptr<NatSmStatusVrf> natSmStatusVrfFactory(VrfId vrfId);
 Ptr<NatUnprogrammedEntries> natUnprogrammedEntriesFactory(Lumet::IntfId const& natIntf);
 Ptr<NatSmStatusNotif> natSmStatusNotifFactory();
+
+// The syslog-type messages. Each source file that emits one holds its own
+// handle, built at load time (a handle keeps its own rate limit and
+// counts), from these, so that the texts are written in one place:
+//
+//   Vor::LogHandle NAT_HW_RESOURCE_FULL = natHwResourceFullLogHandle();
+Vor::LogHandle natHwResourceNormalLogHandle();
+Vor::LogHandle natHwResourceFullLogHandle();
+Vor::LogHandle natRuleIfMaxLogHandle();
 
 } // namespace Ulo

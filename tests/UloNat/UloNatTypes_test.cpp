@@ -170,4 +170,44 @@ TEST(TwiceNatKey, OrdersByGroupFirstAndPrints) {
    EXPECT_TRUE(entries->empty());
 }
 
+// Operators and their tools match these texts; every file that emits one
+// builds its handle from the same function, so one check covers them all.
+TEST(NatLogHandles, MessagesCarryTheirExactTexts) {
+   struct Want {
+      Vor::LogHandle handle;
+      char const* name;
+      int severity;
+      char const* format;
+      char const* explanation;
+      char const* recommendedAction;
+   };
+   Want const wants[] = {
+      {natHwResourceNormalLogHandle(), "NAT_HW_RESOURCE_NORMAL", 6, "All NAT rules are programmed in hardware",
+       "The switch was able to program all the NAT rules in the NAT table", "No action is required."},
+      {natHwResourceFullLogHandle(), "NAT_HW_RESOURCE_FULL", 3,
+       "Hardware resources are insufficient to program all NAT rules",
+       "The switch is unable to program all NAT rules due to insufficient hardware resources.",
+       "Reconfigure your NAT rules to reduce the size and/or complexity of the NAT rules."},
+      {natRuleIfMaxLogHandle(), "NAT_RULE_IF_MAX", 3,
+       "The active number of interfaces associated with the NAT rule: '%s', has exceeded the maximum. "
+       "Cannot add VLAN %d. Interface count: %d, Maximum interfaces: %d.",
+       "The maximum number of active interfaces associated with the NAT rule has been reached.",
+       "Remove the NAT rule from any interface not currently in use."},
+   };
+   for (Want const& w : wants) {
+      SCOPED_TRACE(w.name);
+      EXPECT_STREQ(w.handle.name(), w.name);
+      EXPECT_EQ(w.handle.severity(), w.severity);
+      EXPECT_STREQ(w.handle.format(), w.format);
+      EXPECT_STREQ(w.handle.explanation(), w.explanation);
+      EXPECT_STREQ(w.handle.recommendedAction(), w.recommendedAction);
+      EXPECT_EQ(w.handle.facility(), 0);
+   }
+   // No rate limit: the same handle admits back-to-back emissions.
+   Vor::LogHandle full = natHwResourceFullLogHandle();
+   EXPECT_TRUE(full.admit(1.0));
+   EXPECT_TRUE(full.admit(1.0));
+   EXPECT_EQ(full.emitted(), 2u);
+}
+
 } // namespace
