@@ -57,25 +57,10 @@ KeySet const& keysFor(std::size_t n) {
 
 // One interface over the four containers, so each benchmark body is written
 // once.
-struct StdUnordered {
-   static constexpr char const* kName = "std::unordered_map";
-   std::unordered_map<Key, Value> m;
-   void insert(Key k, Value v) { m.emplace(k, v); }
-   Value const* find(Key k) const {
-      auto it = m.find(k);
-      return it == m.end() ? nullptr : &it->second;
-   }
-   bool erase(Key k) { return m.erase(k) == 1; }
-   Value sum() const {
-      Value s = 0;
-      for (auto const& [k, v] : m) s += v + k;
-      return s;
-   }
-};
-
-struct StdOrdered {
-   static constexpr char const* kName = "std::map";
-   std::map<Key, Value> m;
+template <typename Map, char const* kLabel>
+struct StdAdapter {
+   static constexpr char const* kName = kLabel;
+   Map m;
    void insert(Key k, Value v) { m.emplace(k, v); }
    Value const* find(Key k) const {
       auto it = m.find(k);
@@ -103,9 +88,13 @@ struct VorAdapter {
    }
 };
 
+constexpr char kStdUnordered[] = "std::unordered_map";
+constexpr char kStdOrdered[] = "std::map";
 constexpr char kHashMap[] = "Vor::HashMap";
 constexpr char kHashMap2018[] = "Vor::HashMap2018";
 constexpr char kRbTree[] = "Vor::RbTreeMapGeneric";
+using StdUnordered = StdAdapter<std::unordered_map<Key, Value>, kStdUnordered>;
+using StdOrdered = StdAdapter<std::map<Key, Value>, kStdOrdered>;
 using VorHash = VorAdapter<Vor::HashMap<Key, Value>, kHashMap>;
 using VorHash2018 = VorAdapter<Vor::HashMap2018<Key, Value>, kHashMap2018>;
 using VorRbTree = VorAdapter<Vor::RbTreeMapGeneric<Key, Value>, kRbTree>;
