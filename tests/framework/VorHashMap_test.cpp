@@ -14,6 +14,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "tests/framework/CollectionTestValues.h"
+
 namespace {
 
 // A value type key with its own hash, as the NAT records have.
@@ -348,17 +350,8 @@ TEST(HashMap2018, DestroyingTheMapUnderALiveIteratorIsFatal) {
 // A value whose destruction erases another member of the same map, as
 // happens when releasing one entity releases others.
 TEST(HashMap2018, ValueDestructorMayEraseFromTheSameMap) {
-   struct Cascade {
-      Vor::HashMap2018<int, Cascade>* map;
-      int victim;
-      Cascade(Vor::HashMap2018<int, Cascade>* m, int v) : map(m), victim(v) {}
-      Cascade(Cascade&& o) noexcept : map(o.map), victim(o.victim) { o.map = nullptr; }
-      ~Cascade() {
-         if (map != nullptr && victim >= 0) map->erase(victim);
-      }
-   };
-   Vor::HashMap2018<int, Cascade> m;
-   for (int k = 0; k < 100; ++k) m.emplace(k, &m, k + 1 < 100 ? k + 1 : -1);
+   Vor::HashMap2018<int, CollectionTest::Cascade<Vor::HashMap2018>> m;
+   CollectionTest::addCascadeChain(m, 100);
    EXPECT_TRUE(m.erase(0)); // erases 1, which erases 2, ...
    EXPECT_TRUE(m.empty());
    for (int k = 0; k < 100; ++k) m.emplace(k, &m, k % 2 == 0 ? k + 1 : -1);
@@ -369,7 +362,7 @@ TEST(HashMap2018, ValueDestructorMayEraseFromTheSameMap) {
    }
    EXPECT_TRUE(m.empty());
    EXPECT_LE(steps, 100);
-   for (int k = 0; k < 10; ++k) m.emplace(k, &m, k + 1 < 10 ? k + 1 : -1);
+   CollectionTest::addCascadeChain(m, 10);
    m.clear();
    EXPECT_TRUE(m.empty());
 }

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/framework/CollectionTestValues.h"
+
 namespace {
 
 std::vector<int> keysOf(Vor::RbTreeMapGeneric<int, int> const& m) {
@@ -242,17 +244,8 @@ TEST(RbTreeMap, VersionCountsEveryChangeAndOnlyChanges) {
 }
 
 TEST(RbTreeMap, CopyMoveAndValueDestructorsThatChangeTheMap) {
-   struct Cascade {
-      Vor::RbTreeMapGeneric<int, Cascade>* map;
-      int victim;
-      Cascade(Vor::RbTreeMapGeneric<int, Cascade>* m, int v) : map(m), victim(v) {}
-      Cascade(Cascade&& o) noexcept : map(o.map), victim(o.victim) { o.map = nullptr; }
-      ~Cascade() {
-         if (map != nullptr && victim >= 0) map->erase(victim);
-      }
-   };
-   Vor::RbTreeMapGeneric<int, Cascade> m;
-   for (int k = 0; k < 100; ++k) m.emplace(k, &m, k + 1 < 100 ? k + 1 : -1);
+   Vor::RbTreeMapGeneric<int, CollectionTest::Cascade<Vor::RbTreeMapGeneric>> m;
+   CollectionTest::addCascadeChain(m, 100);
    EXPECT_TRUE(m.erase(0));
    EXPECT_TRUE(m.empty());
    EXPECT_TRUE(m.checkInvariants());
