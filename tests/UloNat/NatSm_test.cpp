@@ -32,6 +32,14 @@ Lumet::IntfId const eth2("Ethernet2");
 class NatSmTest : public ::testing::Test {
  protected:
    void build(SimOptions options = SimOptions()) { sys_ = std::make_unique<SimSystem>(options); }
+   // The common stage: VRF "default" (id 0) with Ethernet1 in it on VLAN 10,
+   // started.
+   void startWithEth1(SimOptions options = SimOptions()) {
+      build(options);
+      sys().vrfIs("default", 0);
+      sys().intfIs(eth1, "default", "Ethernet1", {{eth1, 10}});
+      sys().start();
+   }
    SimSystem& sys() { return *sys_; }
    std::unique_ptr<SimSystem> sys_;
 };
@@ -115,10 +123,7 @@ TEST_F(NatSmTest, LastInterfaceGoesThenHardwareIsReleased) {
 }
 
 TEST_F(NatSmTest, StaticRuleAddReplaceDeleteWithFilterAddresses) {
-   build();
-   sys().vrfIs("default", 0);
-   sys().intfIs(eth1, "default", "Ethernet1", {{eth1, 10}});
-   sys().start();
+   startWithEth1();
 
    auto conn = rule("10.0.0.1", "192.0.2.1");
    sys().staticIs(eth1, conn);
@@ -158,10 +163,7 @@ TEST_F(NatSmTest, StaticRuleAddReplaceDeleteWithFilterAddresses) {
 TEST_F(NatSmTest, EgressAndMulticastProgramOnlyTheirDirection) {
    SimOptions options;
    options.destinationNatNextHopNeeded = true;
-   build(options);
-   sys().vrfIs("default", 0);
-   sys().intfIs(eth1, "default", "Ethernet1", {{eth1, 10}});
-   sys().start();
+   startWithEth1(options);
 
    auto egress = rule("10.0.0.1", "192.0.2.1", Ip::Nat::source_, {"198.51.100.0/24"},
                       Ip::Nat::StaticKey::egress);
@@ -223,10 +225,7 @@ TEST_F(NatSmTest, NextHopRequestsAreCountedPerVrfAndAddress) {
 TEST_F(NatSmTest, RefusedRulesWaitAndAreRetriedEveryFiveSeconds) {
    SimOptions options;
    options.capacity = 4;
-   build(options);
-   sys().vrfIs("default", 0);
-   sys().intfIs(eth1, "default", "Ethernet1", {{eth1, 10}});
-   sys().start();
+   startWithEth1(options);
 
    auto first = rule("10.0.0.1", "192.0.2.1");
    auto second = rule("10.0.0.2", "192.0.2.2");
@@ -276,10 +275,7 @@ TEST_F(NatSmTest, RefusedRulesWaitAndAreRetriedEveryFiveSeconds) {
 TEST_F(NatSmTest, DeletingAnUnprogrammedRuleForgetsIt) {
    SimOptions options;
    options.capacity = 0;
-   build(options);
-   sys().vrfIs("default", 0);
-   sys().intfIs(eth1, "default", "Ethernet1", {{eth1, 10}});
-   sys().start();
+   startWithEth1(options);
    auto conn = rule("10.0.0.1", "192.0.2.1");
    sys().staticIs(eth1, conn);
    ASSERT_EQ(sys().unprogrammedStaticCount(eth1), 1u);
@@ -291,10 +287,7 @@ TEST_F(NatSmTest, DeletingAnUnprogrammedRuleForgetsIt) {
 TEST_F(NatSmTest, BatchesReachHardwareStatusOnlyAfterTheCommit) {
    SimOptions options;
    options.immediate = false;
-   build(options);
-   sys().vrfIs("default", 0);
-   sys().intfIs(eth1, "default", "Ethernet1", {{eth1, 10}});
-   sys().start();
+   startWithEth1(options);
 
    auto a = rule("10.0.0.1", "192.0.2.1");
    auto b = rule("10.0.0.2", "192.0.2.2");
@@ -333,10 +326,7 @@ TEST_F(NatSmTest, BatchesReachHardwareStatusOnlyAfterTheCommit) {
 }
 
 TEST_F(NatSmTest, AclSharingChangeReprogramsEveryStaticRule) {
-   build();
-   sys().vrfIs("default", 0);
-   sys().intfIs(eth1, "default", "Ethernet1", {{eth1, 10}});
-   sys().start();
+   startWithEth1();
    sys().staticIs(eth1, rule("10.0.0.1", "192.0.2.1"));
    auto const adds = sys().helper()->counts().adds;
    auto const deletes = sys().helper()->counts().deletes;
@@ -349,10 +339,7 @@ TEST_F(NatSmTest, AclSharingChangeReprogramsEveryStaticRule) {
 TEST_F(NatSmTest, DroppingTheRootLeavesHardwareUntouchedButForgetsReviewState) {
    SimOptions options;
    options.capacity = 2;
-   build(options);
-   sys().vrfIs("default", 0);
-   sys().intfIs(eth1, "default", "Ethernet1", {{eth1, 10}});
-   sys().start();
+   startWithEth1(options);
    sys().staticIs(eth1, rule("10.0.0.1", "192.0.2.1"));
    auto natSmStatus = sys().root()->natSmStatus();
    ASSERT_EQ(natSmStatus->unprogrammedEntries().size(), 1u);
@@ -470,20 +457,14 @@ using NatSmDeathTest = NatSmTest;
 TEST_F(NatSmDeathTest, ReleasingAnAddressNobodyWatchesEndsTheProcess) {
    SimOptions options;
    options.destinationNatNextHopNeeded = true;
-   build(options);
-   sys().vrfIs("default", 0);
-   sys().intfIs(eth1, "default", "Ethernet1", {{eth1, 10}});
-   sys().start();
+   startWithEth1(options);
    auto natSmStatus = sys().root()->natSmStatus();
    EXPECT_DEATH(natSmStatus->removeRouteConfigWatchedAddr(Lumet::IpAddr(10, 9, 9, 9), 0), "refCount");
    EXPECT_DEATH(natSmStatus->addRouteConfigWatchedAddr(Lumet::IpAddr(10, 9, 9, 9), 77), "vrfStatus");
 }
 
 TEST_F(NatSmDeathTest, CleanupOfConnectionsNeedsHardwareDown) {
-   build();
-   sys().vrfIs("default", 0);
-   sys().intfIs(eth1, "default", "Ethernet1", {{eth1, 10}});
-   sys().start();
+   startWithEth1();
    auto engine = sys().root()->natIntfStatusSm(eth1);
    EXPECT_DEATH(engine->doCleanupConnections(), "HW needs to be disabled before cleanup");
 }
