@@ -1,5 +1,6 @@
 #include "UloNat/UloNatAsyncTypes.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -13,6 +14,8 @@ using Lumet::IntfId;
 using Lumet::IpAddr;
 using Lumet::IpAddrWithFullMask;
 using Lumet::IpAndPort;
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 
 namespace {
 
@@ -21,16 +24,6 @@ IpAndPort ap(char const* text) { return *IpAndPort::parse(text); }
 NatHwKey staticKey(U32 filterAddrId = 0) {
    return NatHwKey(NatHwKey::staticSnat, ap("10.0.0.1:0"), ap("1.1.1.1:0"), IpAndPort(), IpAndPort(),
                    NatAclId(3), false, 0, 0, filterAddrId);
-}
-
-template <typename F>
-std::string rangeText(F f) {
-   try {
-      f();
-   } catch (Vor::RangeException const& e) {
-      return e.what();
-   }
-   return "no exception";
 }
 
 } // namespace
@@ -138,10 +131,12 @@ TEST(NatHwKey, PredicatesAndTruth) {
 
 TEST(NatHwIndices, OutOfRangeTexts) {
    EXPECT_EQ(NatVlanIdIndex(63).value(), 63u);
-   EXPECT_EQ(rangeText([] { NatVlanIdIndex(64); }),
-             "NatVlanIdIndex::value < NatVlanIdIndex::min or > NatVlanIdIndex::max not allowed");
-   EXPECT_EQ(rangeText([] { NatEgressIntfIndex(64); }),
-             "NatEgressIntfIndex::value < NatEgressIntfIndex::min or > NatEgressIntfIndex::max not allowed");
+   EXPECT_THAT([] { NatVlanIdIndex(64); },
+               ThrowsMessage<Vor::RangeException>(
+                  StrEq("NatVlanIdIndex::value < NatVlanIdIndex::min or > NatVlanIdIndex::max not allowed")));
+   EXPECT_THAT([] { NatEgressIntfIndex(64); },
+               ThrowsMessage<Vor::RangeException>(StrEq(
+                  "NatEgressIntfIndex::value < NatEgressIntfIndex::min or > NatEgressIntfIndex::max not allowed")));
    NatHwData data;
    EXPECT_THROW(data.vlanIdIs(64, 1), Vor::RangeException);
    EXPECT_THROW(data.egressIntfIs(64, IntfId("Ethernet1")), Vor::RangeException);

@@ -1,5 +1,6 @@
 #include "framework/IpNatTypes.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -14,35 +15,29 @@ using namespace Ip::Nat;
 using Lumet::IpAddr;
 using Lumet::IpAddrWithFullMask;
 using Lumet::IpAndPort;
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 
 namespace {
 
 IpAndPort ap(char const* text) { return *IpAndPort::parse(text); }
-
-template <typename F>
-std::string rangeText(F f) {
-   try {
-      f();
-   } catch (Vor::RangeException const& e) {
-      return e.what();
-   }
-   return "no exception";
-}
 
 } // namespace
 
 TEST(RangeCheckedValues, VrfNameAndVlanIdLimitsAndTexts) {
    std::string hundred(100, 'v');
    EXPECT_EQ(L3::VrfName(hundred).value().size(), 100u);
-   EXPECT_EQ(rangeText([&] { L3::VrfName(hundred + "v"); }),
-             "VrfName::value::bytes > VrfName::maxLength not allowed");
+   EXPECT_THAT([&] { L3::VrfName(hundred + "v"); },
+               ThrowsMessage<Vor::RangeException>(StrEq("VrfName::value::bytes > VrfName::maxLength not allowed")));
    EXPECT_TRUE(L3::VrfName("default").isDefault());
    EXPECT_FALSE(L3::VrfName("red").isDefault());
 
    EXPECT_EQ(Bridging::VlanId(1).value(), 1);
    EXPECT_EQ(Bridging::VlanId(4094).value(), 4094);
    for (Vor::U32 bad : {0u, 4095u, 65536u + 10u}) {
-      EXPECT_EQ(rangeText([&] { Bridging::VlanId v(bad); }), "VlanId::value < 1 or > 4094 not allowed") << bad;
+      EXPECT_THAT([&] { Bridging::VlanId v(bad); },
+                  ThrowsMessage<Vor::RangeException>(StrEq("VlanId::value < 1 or > 4094 not allowed")))
+         << bad;
    }
    MrouteLib::StaticNatIpInfo info;
    info.vlanIs(20, true);
