@@ -127,22 +127,6 @@ std::string NatHwKey::genericText() const {
 }
 
 // ---------------------------------------------------------------------------
-// Indices
-
-NatVlanIdIndex::NatVlanIdIndex(U32 value) : value_(value) {
-   if (value > max) {
-      Vor::throwRangeException("NatVlanIdIndex::value < NatVlanIdIndex::min or > NatVlanIdIndex::max not allowed");
-   }
-}
-
-NatEgressIntfIndex::NatEgressIntfIndex(U32 value) : value_(value) {
-   if (value > max) {
-      Vor::throwRangeException(
-          "NatEgressIntfIndex::value < NatEgressIntfIndex::min or > NatEgressIntfIndex::max not allowed");
-   }
-}
-
-// ---------------------------------------------------------------------------
 // NatHwData
 
 bool operator==(NatHwData const& a, NatHwData const& b) {

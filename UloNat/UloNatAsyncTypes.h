@@ -53,6 +53,7 @@
 #include "framework/LumetIpAddr.h"
 #include "framework/UloVrfId.h"
 #include "framework/VorEntity.h"
+#include "framework/VorException.h"
 #include "framework/VorHash.h"
 #include "framework/VorPtr.h"
 #include "framework/VornPodArray.h"
@@ -185,33 +186,37 @@ class NatHwKey {
 // ---------------------------------------------------------------------------
 // Array indices
 
-// Index into NatHwData::vlanId, 0..63.
-class NatVlanIdIndex {
+// A range-checked index, 0..63, into one of NatHwData's arrays. Each array
+// has an index type of its own, so that an index of one is not taken for the
+// other; `Tag::rangeText` is the text of its range error.
+template <typename Tag>
+class NatArrayIndex {
  public:
    static constexpr U32 min = 0;
    static constexpr U32 max = 63;
-   // Raises Vor::RangeException with "NatVlanIdIndex::value <
-   // NatVlanIdIndex::min or > NatVlanIdIndex::max not allowed" past max.
-   NatVlanIdIndex(U32 value);
+   // Raises Vor::RangeException with Tag::rangeText past max.
+   NatArrayIndex(U32 value) : value_(value) {
+      if (value > max) Vor::throwRangeException(Tag::rangeText);
+   }
    U32 value() const { return value_; }
 
  private:
    U32 value_;
 };
 
-// Index into NatHwData::egressIntf, 0..63.
-class NatEgressIntfIndex {
- public:
-   static constexpr U32 min = 0;
-   static constexpr U32 max = 63;
-   // Raises Vor::RangeException with "NatEgressIntfIndex::value <
-   // NatEgressIntfIndex::min or > NatEgressIntfIndex::max not allowed".
-   NatEgressIntfIndex(U32 value);
-   U32 value() const { return value_; }
-
- private:
-   U32 value_;
+struct NatVlanIdIndexTag {
+   static constexpr char const* rangeText =
+      "NatVlanIdIndex::value < NatVlanIdIndex::min or > NatVlanIdIndex::max not allowed";
 };
+struct NatEgressIntfIndexTag {
+   static constexpr char const* rangeText =
+      "NatEgressIntfIndex::value < NatEgressIntfIndex::min or > NatEgressIntfIndex::max not allowed";
+};
+
+// Index into NatHwData::vlanId.
+using NatVlanIdIndex = NatArrayIndex<NatVlanIdIndexTag>;
+// Index into NatHwData::egressIntf.
+using NatEgressIntfIndex = NatArrayIndex<NatEgressIntfIndexTag>;
 
 // ---------------------------------------------------------------------------
 // NatHwData
