@@ -52,6 +52,8 @@ bool MappedFile::open(std::string const& path, Mode mode, std::string& error) {
       }
       base_ = static_cast<char*>(p);
       size_ = 0;
+      zeroFrom_ = 0;
+      highWater_ = 0;
       return true;
    }
    int flags = mode == Mode::readOnly ? O_RDONLY : (O_RDWR | O_CREAT);
@@ -77,7 +79,29 @@ bool MappedFile::open(std::string const& path, Mode mode, std::string& error) {
       return false;
    }
    base_ = static_cast<char*>(p);
+   zeroFrom_ = size_;
    return true;
+}
+
+bool MappedFile::populate(std::size_t from, std::size_t to, bool& unsupported, std::string& error) {
+   unsupported = false;
+   std::size_t page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+   from = from / page * page;
+   if (to <= from) return true;
+#ifdef MADV_POPULATE_WRITE
+   if (::madvise(base_ + from, to - from, MADV_POPULATE_WRITE) == 0) return true;
+   int err = errno;
+   if (err == EINVAL || err == ENOSYS) {
+      unsupported = true;
+      return false;
+   }
+   // EFAULT: the file system could not back a page (full); ENOMEM: no memory.
+   error = err == EFAULT ? std::strerror(ENOSPC) : std::strerror(err);
+   return false;
+#else
+   unsupported = true;
+   return false;
+#endif
 }
 
 void MappedFile::close() {
@@ -86,6 +110,8 @@ void MappedFile::close() {
    base_ = nullptr;
    fd_ = -1;
    size_ = 0;
+   zeroFrom_ = 0;
+   highWater_ = 0;
 }
 
 bool MappedFile::resize(std::size_t bytes, std::string& error) {
@@ -97,12 +123,18 @@ bool MappedFile::resize(std::size_t bytes, std::string& error) {
       error = "read-only mapping";
       return false;
    }
+   bool unsupported = false;
    if (mode_ == Mode::anonymous) {
       if (bytes < size_) {
          // Give the pages back; the reservation stays.
          std::size_t page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
          std::size_t from = (bytes + page - 1) / page * page;
          if (from < size_) ::madvise(base_ + from, size_ - from, MADV_DONTNEED);
+         zeroFrom_ = bytes;
+      } else if (bytes > size_) {
+         if (!populate(size_, bytes, unsupported, error) && !unsupported) return false;
+         zeroFrom_ = std::max(size_, highWater_);
+         highWater_ = std::max(highWater_, bytes);
       }
       size_ = bytes;
       return true;
@@ -112,14 +144,21 @@ bool MappedFile::resize(std::size_t bytes, std::string& error) {
       return false;
    }
    if (bytes > size_) {
-      // Reserve the blocks now, so that a full file system is a failed resize
-      // here and not a SIGBUS at the first store.
-      int rc = ::posix_fallocate(fd_, static_cast<off_t>(size_), static_cast<off_t>(bytes - size_));
-      if (rc != 0 && rc != EOPNOTSUPP && rc != EINVAL) {
+      // The bytes past the old end of the file read as zeros.
+      bool ok = populate(size_, bytes, unsupported, error);
+      if (unsupported) {
+         // Reserve the blocks at least; the pages then come one fault at a time.
+         int rc = ::posix_fallocate(fd_, static_cast<off_t>(size_), static_cast<off_t>(bytes - size_));
+         ok = rc == 0 || rc == EOPNOTSUPP || rc == EINVAL;
+         if (!ok) error = std::strerror(rc);
+      }
+      if (!ok) {
          (void)::ftruncate(fd_, static_cast<off_t>(size_));
-         error = std::strerror(rc);
          return false;
       }
+      zeroFrom_ = size_;
+   } else {
+      zeroFrom_ = bytes;
    }
    size_ = bytes;
    return true;

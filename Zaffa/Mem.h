@@ -71,8 +71,15 @@ class MappedFile {
    void close();
 
    // Sets the length of the file (anonymous: only the recorded size). Returns
-   // false with a message in `error` and leaves the size unchanged.
+   // false with a message in `error` and leaves the size unchanged. Memory
+   // that a growth adds is allocated and mapped here, in one call, so that a
+   // full file system is a failed resize and not a SIGBUS at the first store,
+   // and so that the first stores into a grown table take no page faults.
    bool resize(std::size_t bytes, std::string& error);
+   // After a resize that grew the mapping: the offset from which its content
+   // is known to read as zeros (never written since the file was extended).
+   // Equal to size() when nothing is known to be zero.
+   std::size_t zeroFrom() const { return zeroFrom_; }
    // Gives back the memory of [offset, offset+length) without changing the
    // size: later reads there see zeros. For the parts of a shrunk table that a
    // lagging reader may still touch.
@@ -87,8 +94,16 @@ class MappedFile {
    Mode mode() const { return mode_; }
 
  private:
+   // Allocates and maps [from, to) of the mapping. False with errno text in
+   // `error`; `unsupported` when this kernel cannot do it in one call.
+   bool populate(std::size_t from, std::size_t to, bool& unsupported, std::string& error);
+
    char* base_ = nullptr;
    std::size_t size_ = 0;
+   std::size_t zeroFrom_ = 0;
+   // Anonymous mappings: the largest size ever set. Beyond it the memory
+   // was never touched, so it reads as zeros.
+   std::size_t highWater_ = 0;
    int fd_ = -1;
    Mode mode_ = Mode::readWrite;
    std::string path_;

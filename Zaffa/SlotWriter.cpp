@@ -3,6 +3,7 @@
 #include "framework/VorTrace.h"
 
 #include <algorithm>
+#include <limits>
 #include <random>
 
 VOR_TRACE_HANDLE("ZaffaSlotWriter");
@@ -42,6 +43,12 @@ SlotWriterTable::SlotWriterTable(SlotTableConfig config) : config_(std::move(con
    expected_.maxSlots = config_.maxSlots;
    expected_.constFlags = static_cast<U16>((config_.fixed ? constFlagFixed : 0) |
                                            (config_.shrink ? constFlagShrinkable : 0));
+   defaultIsZero_ = true;
+   if (config_.defaultValue) {
+      std::vector<unsigned char> probe(config_.valueSize, 0);
+      config_.defaultValue(probe.data());
+      defaultIsZero_ = std::all_of(probe.begin(), probe.end(), [](unsigned char b) { return b == 0; });
+   }
 }
 
 int SlotWriterTable::attach(U32 fenix) {
@@ -109,7 +116,7 @@ void SlotWriterTable::reformat(U32 fenix) {
    look.rhashIs(0);
    if (config_.defaultValue) config_.defaultValue(look.value());
    numSlots_ = 0;
-   for (U32 i = 0; i < n; ++i) initSlot(i);
+   initSlots(0, n, file_.zeroFrom());
    h->freeSlots = addFreeSlots(0, n);
    numSlots_ = n;
    shrinkThreshold_ = computeShrinkThreshold();
@@ -125,6 +132,19 @@ void SlotWriterTable::initSlot(U32 i) {
    s.seqIs(seq == 0 ? 0 : (seq + 4) & ~(seqOccupied | seqLookaside));
    s.rhashIs(0);
    if (config_.defaultValue) config_.defaultValue(s.value());
+}
+
+void SlotWriterTable::initSlots(U32 from, U32 to, std::size_t zeroFrom) {
+   U32 fresh = to;
+   if (defaultIsZero_) {
+      // The first slot that starts at or after zeroFrom: it and all above it
+      // read as zeros, which is a new slot's sequence, rhash and value.
+      // Their links are set by addFreeSlots.
+      std::size_t const base = slotHeaderBytes + expected_.slotSize;
+      U64 first = zeroFrom <= base ? 0 : (zeroFrom - base + expected_.slotSize - 1) / expected_.slotSize;
+      fresh = static_cast<U32>(std::clamp<U64>(first, from, to));
+   }
+   for (U32 i = from; i < fresh; ++i) initSlot(i);
 }
 
 void SlotWriterTable::detach() {
@@ -192,6 +212,9 @@ bool SlotWriterTable::resize(U32 n, std::string& message) {
       return false;
    }
    if (n > old) {
+      // Slots within the file's present length may hold what an earlier,
+      // larger table left there (a shrink keeps the length).
+      std::size_t zeroFrom = std::numeric_limits<std::size_t>::max();
       if (*size > file_.size()) {
          std::size_t before = file_.size();
          std::string error;
@@ -207,9 +230,10 @@ bool SlotWriterTable::resize(U32 n, std::string& message) {
             DUOLOG(3, "{}", message);
             return false;
          }
+         zeroFrom = file_.zeroFrom();
       }
       if (n > config_.maxSlots) DUOLOG(5, "overflowing by {} slots", n - config_.maxSlots);
-      for (U32 i = old; i < n; ++i) initSlot(i);
+      initSlots(old, n, zeroFrom);
       U32 head = addFreeSlots(old, n);
       if (n > h->mostSlots) h->mostSlots = n;
       Mem::VerU32 cur = Mem::loadVerU32(&h->numSlots);

@@ -109,6 +109,11 @@ class SlotWriterTable {
  private:
    void reformat(U32 fenix);
    void initSlot(U32 i);
+   // Default-initialises slots from..to-1. When zero bytes are a slot's
+   // default, the slots at or above byte offset `zeroFrom` (memory the file
+   // has just been extended by, which reads as zeros) are left as they are:
+   // a growth then writes each new page once, not twice.
+   void initSlots(U32 from, U32 to, std::size_t zeroFrom);
 
    SlotTableConfig config_;
    SlotTableHeader expected_{};
@@ -116,6 +121,8 @@ class SlotWriterTable {
    SlotMemory mem_;
    U32 numSlots_ = 0;
    U32 shrinkThreshold_ = 0;
+   // A default value is all zero bytes (or there is none to write).
+   bool defaultIsZero_ = false;
 };
 
 } // namespace Zaffa

@@ -139,6 +139,9 @@ class WriterHashMap {
       buckets_.reserve(n2);
       cut_.assign(n, nullptr);
       for (U32 i = 0; i < n; ++i) {
+         // Each chain's first slot is a cache miss of its own; asking for
+         // the one some buckets ahead lets those misses overlap.
+         if (i + growPrefetchDistance < n) prefetchHead(i + growPrefetchDistance);
          void* prev = buckets_.head(i);
          U32 mover = noSlot;
          for (SlotLink link = loadLink(prev); !link.endOfChain(); link = loadLink(prev)) {
@@ -188,6 +191,14 @@ class WriterHashMap {
    ZaffaCore::BucketWriter<SlotLink> const& buckets() const { return buckets_; }
 
  private:
+   static constexpr U32 growPrefetchDistance = 16;
+   void prefetchHead(U32 b) const {
+      SlotLink link = loadLink(buckets_.head(b));
+      if (!link.endOfChain() && link.next < slots_.numSlots()) {
+         __builtin_prefetch(slots_.slot(link.next).link());
+      }
+   }
+
    U32 firstFromBucket(U32 b) const {
       for (; b < numBuckets_; ++b) {
          SlotLink link = loadLink(buckets_.head(b));

@@ -270,3 +270,88 @@ TEST(ZaffaWriter, RandomOperationsMatchAModel) {
    again.attach();
    expectMatchesModel(again, model, keySpace);
 }
+
+namespace {
+
+// A value whose default is not all zero bytes, so that a table of it must
+// write the default into every new slot.
+struct MarkedValue {
+   TestKey key;
+   U64 marker = 0x5a5a5a5a5a5a5a5aull;
+   unsigned char payload[688] = {};
+};
+static_assert(sizeof(MarkedValue) == 736);
+
+// Every slot on the free list is a new slot: not occupied, rhash 0, and the
+// default value byte for byte. Right after a growth the free list holds just
+// the slots that the growth added.
+template <typename W, typename V>
+void expectFreeSlotsAreNew(W& w, char const* when) {
+   auto& slots = w.slotTable();
+   V const fresh{};
+   U32 seen = 0;
+   for (U32 i = slots.header()->freeSlots; i != Zaffa::noSlot; i = Zaffa::loadLink(slots.slot(i).link()).next) {
+      ASSERT_LT(i, slots.numSlots()) << when;
+      ASSERT_LE(++seen, slots.numSlots()) << when << ": free list does not end";
+      Zaffa::RawSlot s = slots.slot(i);
+      ASSERT_FALSE(s.seq() & Zaffa::seqOccupied) << when << ": free slot " << i;
+      ASSERT_EQ(s.rhash(), 0u) << when << ": free slot " << i;
+      ASSERT_EQ(std::memcmp(s.value(), &fresh, sizeof(V)), 0) << when << ": free slot " << i << " holds an old value";
+   }
+   ASSERT_EQ(seen + w.members(), slots.numSlots()) << when;
+}
+
+template <typename V>
+V valueFor(U64 id) {
+   V v{};
+   v.key = TestKey::of(id);
+   std::memset(v.payload, static_cast<int>(0x80 | (id & 0x7F)), sizeof v.payload);
+   return v;
+}
+
+// Grows, compacts and grows again within the length the file kept, and
+// checks after each growth that no free slot shows what an earlier entry
+// left there. Files that were just extended read as zeros, and a table whose
+// default is zero skips writing them; anything else must be written.
+template <typename V>
+void checkGrownSlotsHoldTheDefault(std::string const& root) {
+   Zaffa::WriterConfig c = config(root, 16, 64);
+   Zaffa::ZaffaWriter<TestKey, V> w(c);
+   w.attach();
+   expectFreeSlotsAreNew<decltype(w), V>(w, "new table");
+   U64 id = 0;
+   for (; id < 200; ++id) {
+      U32 before = w.capacity();
+      w.write(valueFor<V>(id), true);
+      if (w.capacity() != before) expectFreeSlotsAreNew<decltype(w), V>(w, "first growth");
+   }
+   U32 grown = w.capacity();
+   V old;
+   U64 low = 0;
+   while (w.capacity() == grown) ASSERT_TRUE(w.remove(TestKey::of(low++), old));
+   ASSERT_LT(w.capacity(), grown) << "the table compacted";
+   for (; w.capacity() < grown; ++id) {
+      U32 before = w.capacity();
+      w.write(valueFor<V>(id), true);
+      // These slots lie below the file's length, which a shrink keeps.
+      if (w.capacity() != before) expectFreeSlotsAreNew<decltype(w), V>(w, "growth after compaction");
+   }
+   EXPECT_TRUE(w.validate()) << w.lastValidationMessage();
+}
+
+} // namespace
+
+TEST(ZaffaWriter, GrownSlotsHoldTheDefaultValue) {
+   {
+      TempDir dir;
+      checkGrownSlotsHoldTheDefault<TestValue>(dir.path());
+   }
+   {
+      TempDir dir;
+      checkGrownSlotsHoldTheDefault<MarkedValue>(dir.path());
+   }
+   // Process-local tables live in anonymous memory: a compaction gives back
+   // whole pages only, and the rest keeps what it held.
+   checkGrownSlotsHoldTheDefault<TestValue>("");
+   checkGrownSlotsHoldTheDefault<MarkedValue>("");
+}
