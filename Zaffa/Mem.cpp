@@ -114,7 +114,7 @@ void MappedFile::close() {
    highWater_ = 0;
 }
 
-bool MappedFile::resize(std::size_t bytes, std::string& error) {
+bool MappedFile::resize(std::size_t bytes, std::string& error, Provision provision) {
    if (bytes > Local::maxMappingSize()) {
       error = fmt::format("size {} beyond the largest mapping {}", bytes, Local::maxMappingSize());
       return false;
@@ -123,7 +123,6 @@ bool MappedFile::resize(std::size_t bytes, std::string& error) {
       error = "read-only mapping";
       return false;
    }
-   bool unsupported = false;
    if (mode_ == Mode::anonymous) {
       if (bytes < size_) {
          // Give the pages back; the reservation stays.
@@ -132,7 +131,7 @@ bool MappedFile::resize(std::size_t bytes, std::string& error) {
          if (from < size_) ::madvise(base_ + from, size_ - from, MADV_DONTNEED);
          zeroFrom_ = bytes;
       } else if (bytes > size_) {
-         if (!populate(size_, bytes, unsupported, error) && !unsupported) return false;
+         if (provision == Provision::all && !provide(size_, bytes, error)) return false;
          zeroFrom_ = std::max(size_, highWater_);
          highWater_ = std::max(highWater_, bytes);
       }
@@ -145,23 +144,33 @@ bool MappedFile::resize(std::size_t bytes, std::string& error) {
    }
    if (bytes > size_) {
       // The bytes past the old end of the file read as zeros.
-      bool ok = populate(size_, bytes, unsupported, error);
-      if (unsupported) {
-         // Reserve the blocks at least; the pages then come one fault at a time.
-         int rc = ::posix_fallocate(fd_, static_cast<off_t>(size_), static_cast<off_t>(bytes - size_));
-         ok = rc == 0 || rc == EOPNOTSUPP || rc == EINVAL;
-         if (!ok) error = std::strerror(rc);
-      }
-      if (!ok) {
-         (void)::ftruncate(fd_, static_cast<off_t>(size_));
+      std::size_t const old = size_;
+      size_ = bytes;
+      if (provision == Provision::all && !provide(old, bytes, error)) {
+         (void)::ftruncate(fd_, static_cast<off_t>(old));
+         size_ = old;
          return false;
       }
-      zeroFrom_ = size_;
+      zeroFrom_ = old;
    } else {
+      size_ = bytes;
       zeroFrom_ = bytes;
    }
-   size_ = bytes;
    return true;
+}
+
+bool MappedFile::provide(std::size_t from, std::size_t to, std::string& error) {
+   to = std::min(to, size_);
+   if (from >= to) return true;
+   bool unsupported = false;
+   if (populate(from, to, unsupported, error)) return true;
+   if (!unsupported) return false;
+   if (mode_ == Mode::anonymous) return true;   // pages come at first touch
+   // Reserve the blocks at least; the pages then come one fault at a time.
+   int rc = ::posix_fallocate(fd_, static_cast<off_t>(from), static_cast<off_t>(to - from));
+   if (rc == 0 || rc == EOPNOTSUPP || rc == EINVAL) return true;
+   error = std::strerror(rc);
+   return false;
 }
 
 void MappedFile::discard(std::size_t offset, std::size_t length) {

@@ -70,12 +70,20 @@ class MappedFile {
    bool open(std::string const& path, Mode mode, std::string& error);
    void close();
 
+   // Whether a growth provides the memory it adds at once, or leaves it to
+   // the caller's provide() before first use.
+   enum class Provision { all, onDemand };
    // Sets the length of the file (anonymous: only the recorded size). Returns
-   // false with a message in `error` and leaves the size unchanged. Memory
-   // that a growth adds is allocated and mapped here, in one call, so that a
-   // full file system is a failed resize and not a SIGBUS at the first store,
-   // and so that the first stores into a grown table take no page faults.
-   bool resize(std::size_t bytes, std::string& error);
+   // false with a message in `error` and leaves the size unchanged. With
+   // Provision::all, memory that a growth adds is allocated and mapped here,
+   // in one call, so that a full file system is a failed resize and not a
+   // SIGBUS at the first store, and the first stores into it take no page
+   // faults.
+   bool resize(std::size_t bytes, std::string& error, Provision provision = Provision::all);
+   // Allocates and maps [from, to) of the file, as a growth with
+   // Provision::all does: false with a message in `error` when the file
+   // system cannot back it. Memory must be provided before it is stored to.
+   bool provide(std::size_t from, std::size_t to, std::string& error);
    // After a resize that grew the mapping: the offset from which its content
    // is known to read as zeros (never written since the file was extended).
    // Equal to size() when nothing is known to be zero.

@@ -103,6 +103,9 @@ int TrevineWriterBase::attach(U32 fenix, U32 slotCapacity) {
    }
    std::string message;
    if (view().validate(file_.size(), fenix, 0, message)) {
+      // An earlier life may have left the record array's tail unprovided.
+      provided_ = 0;
+      provideUpTo(recordEnd(view().size()));
       ensureSlotCapacity(slotCapacity);
       DUOLOG(5, "to existing {}", path_);
       return existingFile;
@@ -112,16 +115,33 @@ int TrevineWriterBase::attach(U32 fenix, U32 slotCapacity) {
    return reformatted;
 }
 
-void TrevineWriterBase::detach() { file_.close(); }
+void TrevineWriterBase::detach() {
+   file_.close();
+   provided_ = 0;
+}
+
+void TrevineWriterBase::provideUpTo(std::size_t bytes) {
+   if (bytes <= provided_) return;
+   std::size_t to = std::min(file_.size(), std::max(bytes, provided_ + provideStep));
+   std::string error;
+   if (!file_.provide(provided_, to, error)) {
+      Jorro::throwCorruption("failed to provide {} up to {} bytes: {}", path_, to, error);
+   }
+   provided_ = to;
+}
 
 void TrevineWriterBase::format(U32 fenix, U32 slotCapacity) {
    slotCapacity = std::max<U32>(slotCapacity, 64);
    U32 ring = ringCapacityFor(slotCapacity);
    std::string error;
-   if (!file_.resize(0, error) || !file_.resize(fileSizeFor(slotCapacity, ring), error)) {
+   provided_ = 0;
+   if (!file_.resize(0, error) ||
+       !file_.resize(fileSizeFor(slotCapacity, ring), error, Mem::MappedFile::Provision::onDemand) ||
+       !file_.provide(0, recordsOffset(slotCapacity) + provideStep, error)) {
       Jorro::throwInvalidInitialize("cannot attach to shmem {} size:{}: {}", path_,
                                     fileSizeFor(slotCapacity, ring), error);
    }
+   provided_ = std::min(file_.size(), recordsOffset(slotCapacity) + provideStep);
    TrevineHeader* h = view().header();
    std::memset(h, 0, sizeof *h);
    std::memcpy(h->magic, trevineMagic, sizeof trevineMagic);
@@ -143,6 +163,7 @@ U32 TrevineWriterBase::append(U32 slot, U32 flags) {
    if (v.size() == v.header()->ringCapacity) compact();
    TrevineHeader* h = v.header();
    U32 p = v.size();
+   provideUpTo(recordEnd(p));
    Record* r = v.records() + p;
    r->seq = h->writerSeq + 1;
    r->slot = slot;
@@ -218,17 +239,22 @@ void TrevineWriterBase::compact() {
 void TrevineWriterBase::relayout(U32 slotCapacity) {
    TrevineHeader* h = view().header();
    U32 oldSlots = h->slotCapacity;
-   U32 oldRing = h->ringCapacity;
    U32 ring = ringCapacityFor(slotCapacity);
    std::string error;
-   if (!file_.resize(fileSizeFor(slotCapacity, ring), error)) {
+   U32 const used = view().size();
+   // The records in use move up behind the longer position array; what lies
+   // beyond them was never read and need not move (nor be provided).
+   std::size_t const usedEnd = recordsOffset(slotCapacity) + static_cast<std::size_t>(used) * sizeof(Record);
+   if (!file_.resize(fileSizeFor(slotCapacity, ring), error, Mem::MappedFile::Provision::onDemand) ||
+       !file_.provide(provided_, usedEnd + provideStep, error)) {
       Jorro::throwCorruption("failed to resize {} to {} slots: {}", path_, slotCapacity, error);
    }
+   provided_ = std::max(provided_, std::min(file_.size(), usedEnd + provideStep));
    h = view().header();
    Mem::store32(&h->swapCount, h->swapCount + 1);
    char* base = file_.base();
    std::memmove(base + recordsOffset(slotCapacity), base + recordsOffset(oldSlots),
-                static_cast<std::size_t>(oldRing) * sizeof(Record));
+                static_cast<std::size_t>(used) * sizeof(Record));
    std::fill(view().slotPos() + oldSlots, view().slotPos() + slotCapacity, noPos);
    h->slotCapacity = slotCapacity;
    h->ringCapacity = ring;

@@ -154,9 +154,23 @@ class TrevineWriterBase {
    U32 append(U32 slot, U32 flags);
    void compact();
    void relayout(U32 slotCapacity);
+   // Makes sure that the first `bytes` of the file are backed by memory,
+   // providing a step ahead. Raises Jorro::CorruptionDetectedException when
+   // the file system cannot back them.
+   void provideUpTo(std::size_t bytes);
+   // The end of the record at position p.
+   std::size_t recordEnd(U32 p) const {
+      return recordsOffset(view().header()->slotCapacity) + (static_cast<std::size_t>(p) + 1) * sizeof(Record);
+   }
+
+   // The record array is provided as the queue fills: a queue sized for a
+   // large table holds few records for most of its life, and a page costs
+   // the same to provide now or at its first record.
+   static constexpr std::size_t provideStep = 256 * 1024;
 
    std::string path_;
    Mem::MappedFile file_;
+   std::size_t provided_ = 0;   // bytes of the file known to be backed
    std::function<void()> appendObserver_;
 };
 

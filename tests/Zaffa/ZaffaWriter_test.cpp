@@ -9,6 +9,9 @@
 #include <map>
 #include <random>
 
+#include <sys/mount.h>
+#include <sys/stat.h>
+
 using namespace ZaffaTest;
 
 namespace {
@@ -354,4 +357,103 @@ TEST(ZaffaWriter, GrownSlotsHoldTheDefaultValue) {
    // whole pages only, and the rest keeps what it held.
    checkGrownSlotsHoldTheDefault<TestValue>("");
    checkGrownSlotsHoldTheDefault<MarkedValue>("");
+}
+
+// A file system that fills up while the table grows: every failure is an
+// exception from the operation that needed the memory, never a SIGBUS at a
+// store into memory that was not there. The queue file provides its record
+// array as it fills, so it is the part most likely to meet the full disk
+// mid-operation.
+TEST(ZaffaWriter, FullFileSystemIsAnExceptionNotASignal) {
+   TempDir dir;
+   std::string mnt = dir.file("small");
+   ASSERT_EQ(::mkdir(mnt.c_str(), 0755), 0);
+   if (::mount("ulonat-test", mnt.c_str(), "tmpfs", 0, "size=2m") != 0) {
+      GTEST_SKIP() << "cannot mount a small tmpfs here: " << std::strerror(errno);
+   }
+   std::string failure;
+   U64 written = 0;
+   {
+      Writer w(config(mnt, 16, 1u << 20));
+      w.attach();
+      try {
+         for (;; ++written) w.write(TestValue::of(written, 1), true);
+      } catch (Zaffa::TableFullException const& e) {
+         failure = std::string("table full: ") + e.what();
+      } catch (Jorro::CorruptionDetectedException const& e) {
+         failure = std::string("corruption: ") + e.what();
+      }
+      EXPECT_NE(failure.find("No space left on device"), std::string::npos) << failure;
+      // 2 MiB hold some 2,700 slots of 752 bytes at the most.
+      EXPECT_GT(written, 500u) << failure;
+      EXPECT_LT(written, 2800u) << failure;
+      for (U64 id = 0; id + 1 < written; id += 97) {
+         auto const* v = w.lookup(TestKey::of(id));
+         ASSERT_NE(v, nullptr) << id;
+         EXPECT_TRUE(v->consistent()) << id;
+      }
+   }
+   ::umount2(mnt.c_str(), MNT_DETACH);
+   // Now the queue: a table whose slots fit, on a file system that something
+   // else fills, overwritten until its queue needs memory that is not there.
+   ASSERT_EQ(::mount("ulonat-test", mnt.c_str(), "tmpfs", 0, "size=12m"), 0) << std::strerror(errno);
+   {
+      Writer w(config(mnt, 8192, 8192));
+      w.attach();
+      for (U64 id = 0; id < 100; ++id) w.write(TestValue::of(id, 1), true);
+      {
+         std::FILE* filler = std::fopen((mnt + "/filler").c_str(), "w");
+         ASSERT_NE(filler, nullptr);
+         std::vector<char> block(4096, 'x');
+         while (std::fwrite(block.data(), 1, block.size(), filler) == block.size() && std::fflush(filler) == 0) {
+         }
+         std::fclose(filler);
+      }
+      failure.clear();
+      U64 overwrites = 0;
+      try {
+         for (U64 round = 2; round < 2000; ++round) {
+            for (U64 id = 0; id < 100; ++id, ++overwrites) w.write(TestValue::of(id, round), true);
+         }
+      } catch (Jorro::CorruptionDetectedException const& e) {
+         failure = e.what();
+      }
+      EXPECT_NE(failure.find("No space left on device"), std::string::npos) << "after " << overwrites << ": " << failure;
+   }
+   ::umount2(mnt.c_str(), MNT_DETACH);
+}
+
+// The queue of a table sized for many entries provides its record array as
+// records arrive, and a writer that restarts on such a file goes on from
+// where the records end.
+TEST(ZaffaWriter, QueueMemoryIsProvidedAsItFills) {
+   TempDir dir;
+   auto blocksOf = [&](char const* name) {
+      struct stat st;
+      EXPECT_EQ(::stat(dir.file(name).c_str(), &st), 0);
+      return static_cast<std::size_t>(st.st_blocks) * 512;
+   };
+   auto sizeOf = [&](char const* name) { return std::filesystem::file_size(dir.file(name)); };
+   {
+      Writer w(config(dir.path(), 1u << 16, 1u << 16));
+      w.attach();
+      for (U64 id = 0; id < 1000; ++id) w.write(TestValue::of(id, 1), true);
+      EXPECT_GT(sizeOf(Zaffa::FileNames::trevine), 3u << 20) << "room for 3 records a slot";
+      EXPECT_LT(blocksOf(Zaffa::FileNames::trevine), 1u << 20) << "but only what is used is backed";
+      w.detach(false);
+   }
+   Writer w(config(dir.path(), 1u << 16, 1u << 16));
+   w.attach();
+   ASSERT_EQ(w.members(), 1000u);
+   std::map<U64, TestValue> model;
+   for (U64 id = 0; id < 1000; ++id) model[id] = TestValue::of(id, 1);
+   // Enough records to pass several steps of provided memory.
+   for (U64 round = 2; round < 80; ++round) {
+      for (U64 id = 0; id < 1000; ++id) {
+         w.write(TestValue::of(id, round), true);
+         model[id] = TestValue::of(id, round);
+      }
+   }
+   expectMatchesModel(w, model, 1000);
+   EXPECT_TRUE(w.validate()) << w.lastValidationMessage();
 }
