@@ -46,7 +46,11 @@ class RecordingHelper : public UloHelperNat {
       if (addSrc == base) return UloHelperNat::addStaticSrcIpTranslation(o, n, f, p, v, k, fwd, vrf);
       calls.push_back("src " + pair(o, n) + " " + f.stringValue() + (fwd ? " fwd" : " rev"));
       if (onAddSrc) onAddSrc(f);
-      if (addSrc == forwardToBase) return UloHelperNat::addStaticSrcIpTranslation(o, n, f, p, v, k, fwd, vrf);
+      if (addSrc == forwardToBase) {
+         // Runs the base for its bookkeeping, then claims success.
+         (void)UloHelperNat::addStaticSrcIpTranslation(o, n, f, p, v, k, fwd, vrf);
+         return true;
+      }
       return addSrc == succeed;
    }
    bool addStaticDstIpTranslation(IpAndPort const& o, IpAndPort const& n, IpAddrWithFullMask const& f, U8 p,
