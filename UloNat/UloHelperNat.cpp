@@ -108,6 +108,13 @@ void UloHelperNat::operationRanAsDefault(Operation op) {
    if (probe_ && probe_->op() == op) probe_->ranAsDefaultIs();
 }
 
+template <typename Call>
+bool UloHelperNat::programmed(Operation op, Call call) {
+   DefaultProbe probe(this, op);
+   bool const ok = call();
+   return ok && !probe.ranAsDefault();
+}
+
 char const* natHwResultName(NatHwResult result) {
    switch (result) {
       case NatHwResult::success: return "success";
@@ -285,20 +292,22 @@ bool UloHelperNat::addStaticIpTranslations(Ip::Nat::NatStaticConnection const& c
       bool const skipSource =
          pairs.srcNew.ip().isMulticast() || (target == Ip::Nat::destination && egress);
       if (!skipSource) {
-         DefaultProbe probe(this, Operation::addStaticSrcIpTranslation);
-         bool const ok = addStaticSrcIpTranslation(pairs.srcOld, pairs.srcNew, filter, protocol, vlan,
-                                                   staticKey, pairs.forward, vrfId);
-         if (probe.ranAsDefault() || !ok) {
+         bool const ok = programmed(Operation::addStaticSrcIpTranslation, [&] {
+            return addStaticSrcIpTranslation(pairs.srcOld, pairs.srcNew, filter, protocol, vlan, staticKey,
+                                             pairs.forward, vrfId);
+         });
+         if (!ok) {
             VOR_TRACE(1, "Error programming SNAT in HW: " << text);
             return false;
          }
       }
       bool const skipDestination = target == Ip::Nat::source_ && egress;
       if (!skipDestination) {
-         DefaultProbe probe(this, Operation::addStaticDstIpTranslation);
-         bool const ok = addStaticDstIpTranslation(pairs.dstOld, pairs.dstNew, filter, protocol, vlan,
-                                                   staticKey, nextHop, multicastInfo, pairs.forward, vrfId);
-         if (probe.ranAsDefault() || !ok) {
+         bool const ok = programmed(Operation::addStaticDstIpTranslation, [&] {
+            return addStaticDstIpTranslation(pairs.dstOld, pairs.dstNew, filter, protocol, vlan, staticKey,
+                                             nextHop, multicastInfo, pairs.forward, vrfId);
+         });
+         if (!ok) {
             VOR_TRACE(1, "Error programming DNAT in HW: " << text);
             return false;
          }
@@ -329,10 +338,11 @@ bool UloHelperNat::updateStaticDstIpTranslations(Ip::Nat::NatStaticConnection co
    StaticAddressPairs const pairs = staticAddressPairs(connEntry, staticKey);
    U8 const protocol = connEntry.protocol();
    return walkInOrder(connEntry.filterAddress(), [&](Lumet::IpAddrWithFullMask const& filter) {
-      DefaultProbe probe(this, Operation::updateStaticDstIpTranslation);
-      bool const ok = updateStaticDstIpTranslation(pairs.dstOld, pairs.dstNew, filter, protocol, vlan,
-                                                   staticKey, nextHop, multicastInfo, pairs.forward, vrfId);
-      if (probe.ranAsDefault() || !ok) {
+      bool const ok = programmed(Operation::updateStaticDstIpTranslation, [&] {
+         return updateStaticDstIpTranslation(pairs.dstOld, pairs.dstNew, filter, protocol, vlan, staticKey,
+                                             nextHop, multicastInfo, pairs.forward, vrfId);
+      });
+      if (!ok) {
          VOR_TRACE(1, "Error updating DIP in HW: " << updateFailureText(staticKey));
          return false;
       }
@@ -350,10 +360,11 @@ bool UloHelperNat::updateStaticSrcIpTranslations(Ip::Nat::NatStaticConnection co
    StaticAddressPairs const pairs = staticAddressPairs(connEntry, staticKey);
    U8 const protocol = connEntry.protocol();
    return walkInOrder(connEntry.filterAddress(), [&](Lumet::IpAddrWithFullMask const& filter) {
-      DefaultProbe probe(this, Operation::updateStaticSrcIpTranslation);
-      bool const ok = updateStaticSrcIpTranslation(pairs.srcOld, pairs.srcNew, filter, protocol, vlan,
-                                                   staticKey, nextHop, multicastInfo, pairs.forward, vrfId);
-      if (probe.ranAsDefault() || !ok) {
+      bool const ok = programmed(Operation::updateStaticSrcIpTranslation, [&] {
+         return updateStaticSrcIpTranslation(pairs.srcOld, pairs.srcNew, filter, protocol, vlan, staticKey,
+                                             nextHop, multicastInfo, pairs.forward, vrfId);
+      });
+      if (!ok) {
          VOR_TRACE(1, "Error updating SIP in HW: " << updateFailureText(staticKey));
          return false;
       }
@@ -397,11 +408,12 @@ bool UloHelperNat::addTrapRules(Vor::Ptr<Ip::Nat::NatDynamicTrapRule const> trap
          // A service filter (FTP and the like) exists only on address-only
          // rules.
          uloAssert(trapRule->addrOnly());
-         DefaultProbe probe(this, Operation::addServiceTrapRule);
-         bool const ok = addServiceTrapRule(rule.vlanId(), aclName, rule.ruleId(), filter.srcIpAndMask(),
-                                            filter.srcPort(), filter.dstIpAndMask(), filter.dstPort(),
-                                            filter.filterFlag(), filter.deny(), rule.target());
-         if (probe.ranAsDefault() || !ok) {
+         bool const ok = programmed(Operation::addServiceTrapRule, [&] {
+            return addServiceTrapRule(rule.vlanId(), aclName, rule.ruleId(), filter.srcIpAndMask(),
+                                      filter.srcPort(), filter.dstIpAndMask(), filter.dstPort(),
+                                      filter.filterFlag(), filter.deny(), rule.target());
+         });
+         if (!ok) {
             VOR_TRACE(1, "Failed to add addr only ftp acl rule");
             VOR_TRACE(1, failurePrefix << ", addServiceTrapRule failed");
             return true;
@@ -411,11 +423,12 @@ bool UloHelperNat::addTrapRules(Vor::Ptr<Ip::Nat::NatDynamicTrapRule const> trap
          if (filter.proto() != 0) {
             ok = addProtocolTrapRules(aclName, trapRule, filter);
          } else {
-            DefaultProbe probe(this, Operation::addTrapRule);
-            ok = addTrapRule(rule.vlanId(), aclName, rule.ruleId(), filter.seqNum(), filter.srcIpAndMask(),
-                             filter.dstIpAndMask(), filter.filterFlag(), filter.deny(), rule.addrOnly(),
-                             rule.fullCone(), rule.key().group(), rule.poolId(), rule.target());
-            ok = ok && !probe.ranAsDefault();
+            ok = programmed(Operation::addTrapRule, [&] {
+               return addTrapRule(rule.vlanId(), aclName, rule.ruleId(), filter.seqNum(),
+                                  filter.srcIpAndMask(), filter.dstIpAndMask(), filter.filterFlag(),
+                                  filter.deny(), rule.addrOnly(), rule.fullCone(), rule.key().group(),
+                                  rule.poolId(), rule.target());
+            });
          }
          if (!ok) {
             VOR_TRACE(1, "Failed to add Trap rule");
@@ -423,10 +436,11 @@ bool UloHelperNat::addTrapRules(Vor::Ptr<Ip::Nat::NatDynamicTrapRule const> trap
             return true;
          }
          if (rule.addrOnly() && !filter.deny()) {
-            DefaultProbe probe(this, Operation::addAddrOnlyAclRule);
-            bool const aclOk = addAddrOnlyAclRule(rule.vlanId(), aclName, rule.ruleId(), filter.srcIpAndMask(),
-                                                  filter.dstIpAndMask(), filter.filterFlag(), rule.target());
-            if (probe.ranAsDefault() || !aclOk) {
+            bool const aclOk = programmed(Operation::addAddrOnlyAclRule, [&] {
+               return addAddrOnlyAclRule(rule.vlanId(), aclName, rule.ruleId(), filter.srcIpAndMask(),
+                                         filter.dstIpAndMask(), filter.filterFlag(), rule.target());
+            });
+            if (!aclOk) {
                VOR_TRACE(1, "Failed to add addr only acl rule");
                VOR_TRACE(1, failurePrefix << ", addAddrOnlyAclRule failed");
                return true;
@@ -489,13 +503,14 @@ bool UloHelperNat::addProtocolTrapRules(Vor::String aclName,
             for (auto const& dst : dstVect[iDst]) {
                uloAssert(srcVect[ iSrc ].size());
                uloAssert(dstVect[ iDst ].size());
-               DefaultProbe probe(this, Operation::addProtocolTrapRule);
-               bool const ok = addProtocolTrapRule(
-                  rule.vlanId(), aclName, rule.ruleId(), filter.seqNum(), filter.proto(),
-                  filter.srcIpAndMask(), filter.dstIpAndMask(), src.value, src.mask, dst.value, dst.mask,
-                  filter.filterFlag(), filter.deny(), rule.addrOnly(), rule.fullCone(), rule.key().group(),
-                  rule.poolId(), rule.target());
-               if (probe.ranAsDefault() || !ok) return false;
+               bool const ok = programmed(Operation::addProtocolTrapRule, [&] {
+                  return addProtocolTrapRule(rule.vlanId(), aclName, rule.ruleId(), filter.seqNum(),
+                                             filter.proto(), filter.srcIpAndMask(), filter.dstIpAndMask(),
+                                             src.value, src.mask, dst.value, dst.mask, filter.filterFlag(),
+                                             filter.deny(), rule.addrOnly(), rule.fullCone(),
+                                             rule.key().group(), rule.poolId(), rule.target());
+               });
+               if (!ok) return false;
             }
          }
       }

@@ -353,6 +353,13 @@ class UloHelperNat : public Ulo::UloBaseHelper {
    class DefaultProbe;
    friend class DefaultProbe;
 
+   // Runs `call`, which makes the single operation `op`; true when an
+   // override of the platform took it and succeeded. An operation left at
+   // its default programs nothing, so it counts as a failure whatever it
+   // returns.
+   template <typename Call>
+   bool programmed(Operation op, Call call);
+
    bool replay_ = false;
    bool hwInitialized_ = false;
    bool hwNatProfileSupported_ = false;
