@@ -127,6 +127,10 @@ bool ReaderSentry::filesPresent(SharedMem::FenixId& fenix, FenixWrite& write) co
    // Taken before the contents: if the file is replaced in between, we hold
    // the older write's identity, and the newer write's event reports again.
    write = fenixWriteOf(root_.file(Zaffa::FileNames::fenix));
+   // No file when we looked: one that is there now was put there after our
+   // watch was, and its event is on its way; reporting it now would report
+   // the one write twice.
+   if (write.inode == 0) return false;
    auto id = SharedMem::FenixFile(root_.file(Zaffa::FileNames::fenix)).read();
    if (!id || id->value == 0 || !exists(root_.file(Zaffa::FileNames::slots))) return false;
    fenix = *id;
