@@ -68,6 +68,8 @@ struct ChipEntry {
    bool forward = false;
    U64 nextHopId = 0;
    bool multicast = false;
+
+   bool operator==(ChipEntry const& o) const = default;
 };
 
 class SimNatHelper : public UloHelper::UloHelperNat {

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
+
 namespace {
 
 using Ip::Nat::StaticKey;
@@ -18,11 +20,27 @@ StaticKey const key(local);
 Ulo::VrfId const vrf(3);
 Vor::U16 const vlan = 10;
 
-ChipEntry const& entryAt(Sim::SimNatHelper const& chip, ChipEntryKey::Kind kind) {
+// The entry of `kind` for the one key and filter address of these tests; a
+// default entry when there is none.
+ChipEntry entryAt(Sim::SimNatHelper const& chip, ChipEntryKey::Kind kind) {
    auto it = chip.entries().find(ChipEntryKey{kind, vrf, vlan, key, filter});
    EXPECT_NE(it, chip.entries().end());
-   return it->second;
+   return it == chip.entries().end() ? ChipEntry{} : it->second;
 }
+
+} // namespace
+
+namespace Sim {
+
+void PrintTo(ChipEntry const& e, std::ostream* os) {
+   *os << e.oldIpAndPort.stringValue() << ">" << e.newIpAndPort.stringValue() << " proto "
+       << static_cast<int>(e.protocol) << " vlan " << e.vlan << (e.forward ? " fwd" : " rev") << " nexthop "
+       << e.nextHopId << (e.multicast ? " multicast" : "");
+}
+
+} // namespace Sim
+
+namespace {
 
 // Each single-address operation lands in the table of its own kind, with
 // every field it was given, and counts as an add or as an update.
@@ -40,22 +58,9 @@ TEST(SimNatHelper, SingleAddressOperationsRecordWhatTheyWereGiven) {
    EXPECT_EQ(chip->counts().adds, 2u);
    EXPECT_EQ(chip->counts().updates, 0u);
 
-   ChipEntry const& src = entryAt(*chip, ChipEntryKey::Kind::staticSrc);
-   EXPECT_EQ(src.oldIpAndPort, local);
-   EXPECT_EQ(src.newIpAndPort, global);
-   EXPECT_EQ(src.protocol, 6);
-   EXPECT_EQ(src.vlan, vlan);
-   EXPECT_TRUE(src.forward);
-   EXPECT_EQ(src.nextHopId, 0u);
-   EXPECT_FALSE(src.multicast);
-
-   ChipEntry const& dst = entryAt(*chip, ChipEntryKey::Kind::staticDst);
-   EXPECT_EQ(dst.oldIpAndPort, global);
-   EXPECT_EQ(dst.newIpAndPort, local);
-   EXPECT_EQ(dst.protocol, 17);
-   EXPECT_FALSE(dst.forward);
-   EXPECT_EQ(dst.nextHopId, 4001u);
-   EXPECT_FALSE(dst.multicast);
+   EXPECT_EQ(entryAt(*chip, ChipEntryKey::Kind::staticSrc), (ChipEntry{local, global, 6, vlan, true, 0, false}));
+   EXPECT_EQ(entryAt(*chip, ChipEntryKey::Kind::staticDst),
+             (ChipEntry{global, local, 17, vlan, false, 4001, false}));
 
    // Updates replace the entry of their own kind in place and take no room.
    chip->capacityIs(2);
@@ -68,16 +73,8 @@ TEST(SimNatHelper, SingleAddressOperationsRecordWhatTheyWereGiven) {
    EXPECT_EQ(chip->counts().adds, 2u);
    EXPECT_EQ(chip->counts().updates, 2u);
 
-   ChipEntry const& src2 = entryAt(*chip, ChipEntryKey::Kind::staticSrc);
-   EXPECT_EQ(src2.newIpAndPort, other);
-   EXPECT_FALSE(src2.forward);
-   EXPECT_EQ(src2.nextHopId, 4001u);
-   EXPECT_TRUE(src2.multicast);
-   ChipEntry const& dst2 = entryAt(*chip, ChipEntryKey::Kind::staticDst);
-   EXPECT_EQ(dst2.oldIpAndPort, other);
-   EXPECT_TRUE(dst2.forward);
-   EXPECT_EQ(dst2.nextHopId, 0u);
-   EXPECT_TRUE(dst2.multicast);
+   EXPECT_EQ(entryAt(*chip, ChipEntryKey::Kind::staticSrc), (ChipEntry{local, other, 6, vlan, false, 4001, true}));
+   EXPECT_EQ(entryAt(*chip, ChipEntryKey::Kind::staticDst), (ChipEntry{other, local, 6, vlan, true, 0, true}));
 
    // The table is full: a new address is refused, whichever kind asks.
    IpAddrWithFullMask const filter2(IpAddr(0xcb007100u), 0xffffff00u);
