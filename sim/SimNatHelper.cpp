@@ -185,75 +185,14 @@ bool SimNatHelper::commitHwTranslations() {
 
 // ---- single-address static operations ----
 
-bool SimNatHelper::putStatic(ChipEntryKey::Kind kind, Lumet::IpAndPort const& oldIpAndPort,
-                             Lumet::IpAndPort const& newIpAndPort,
-                             Lumet::IpAddrWithFullMask const& filterAddress, U8 protocol, U16 vlan,
-                             Ip::Nat::StaticKey const& staticKey,
-                             Vor::Ptr<Ulo::NatNextHopInfo const> const& nextHop,
-                             Vor::Ptr<Ulo::NatMulticastData const> const& multicastInfo,
-                             bool forward, Ulo::VrfId vrfId, bool isUpdate) {
+bool SimNatHelper::putStatic(ChipEntryKey::Kind kind, IpAndPort const& oldIpAndPort,
+                             IpAndPort const& newIpAndPort, IpAddrWithFullMask const& filterAddress,
+                             U8 protocol, U16 vlan, Ip::Nat::StaticKey const& staticKey,
+                             NextHop const& nextHop, MulticastInfo const& multicastInfo, bool forward,
+                             Ulo::VrfId vrfId, bool isUpdate) {
    ChipEntry const entry{oldIpAndPort, newIpAndPort, protocol, vlan, forward, Ulo::natHwNextHopId(nextHop),
                          multicastInfo && multicastInfo->multicast()};
    return put(ChipEntryKey{kind, vrfId, vlan, staticKey, filterAddress}, entry, isUpdate);
-}
-
-bool SimNatHelper::addStaticSrcIpTranslation(Lumet::IpAndPort const& oldIpAndPort,
-                                             Lumet::IpAndPort const& newIpAndPort,
-                                             Lumet::IpAddrWithFullMask const& filterAddress,
-                                             U8 protocol, U16 vlan,
-                                             Ip::Nat::StaticKey const& staticKey, bool forward,
-                                             Ulo::VrfId vrfId) {
-   // A source add carries neither next hop nor multicast data.
-   return putStatic(ChipEntryKey::Kind::staticSrc, oldIpAndPort, newIpAndPort, filterAddress, protocol,
-                    vlan, staticKey, nullptr, nullptr, forward, vrfId, false);
-}
-
-bool SimNatHelper::addStaticDstIpTranslation(Lumet::IpAndPort const& oldIpAndPort,
-                                             Lumet::IpAndPort const& newIpAndPort,
-                                             Lumet::IpAddrWithFullMask const& filterAddress,
-                                             U8 protocol, U16 vlan,
-                                             Ip::Nat::StaticKey const& staticKey,
-                                             Vor::Ptr<Ulo::NatNextHopInfo const> nextHop,
-                                             Vor::Ptr<Ulo::NatMulticastData const> multicastInfo,
-                                             bool forward, Ulo::VrfId vrfId) {
-   return putStatic(ChipEntryKey::Kind::staticDst, oldIpAndPort, newIpAndPort, filterAddress, protocol,
-                    vlan, staticKey, nextHop, multicastInfo, forward, vrfId, false);
-}
-
-bool SimNatHelper::updateStaticDstIpTranslation(Lumet::IpAndPort const& oldIpAndPort,
-                                                Lumet::IpAndPort const& newIpAndPort,
-                                                Lumet::IpAddrWithFullMask const& filterAddress,
-                                                U8 protocol, U16 vlan,
-                                                Ip::Nat::StaticKey const& staticKey,
-                                                Vor::Ptr<Ulo::NatNextHopInfo const> nextHop,
-                                                Vor::Ptr<Ulo::NatMulticastData const> multicastInfo,
-                                                bool forward, Ulo::VrfId vrfId) {
-   return putStatic(ChipEntryKey::Kind::staticDst, oldIpAndPort, newIpAndPort, filterAddress, protocol,
-                    vlan, staticKey, nextHop, multicastInfo, forward, vrfId, true);
-}
-
-bool SimNatHelper::updateStaticSrcIpTranslation(Lumet::IpAndPort const& oldIpAndPort,
-                                                Lumet::IpAndPort const& newIpAndPort,
-                                                Lumet::IpAddrWithFullMask const& filterAddress,
-                                                U8 protocol, U16 vlan,
-                                                Ip::Nat::StaticKey const& staticKey,
-                                                Vor::Ptr<Ulo::NatNextHopInfo const> nextHop,
-                                                Vor::Ptr<Ulo::NatMulticastData const> multicastInfo,
-                                                bool forward, Ulo::VrfId vrfId) {
-   return putStatic(ChipEntryKey::Kind::staticSrc, oldIpAndPort, newIpAndPort, filterAddress, protocol,
-                    vlan, staticKey, nextHop, multicastInfo, forward, vrfId, true);
-}
-
-bool SimNatHelper::deleteStaticSrcIpTranslation(U16 vlan, Ip::Nat::StaticKey const& staticKey,
-                                                bool, Ulo::VrfId vrfId) {
-   eraseAll(ChipEntryKey::Kind::staticSrc, vlan, staticKey, vrfId);
-   return true;
-}
-
-bool SimNatHelper::deleteStaticDstIpTranslation(U16 vlan, Ip::Nat::StaticKey const& staticKey,
-                                                bool, Ulo::VrfId vrfId) {
-   eraseAll(ChipEntryKey::Kind::staticDst, vlan, staticKey, vrfId);
-   return true;
 }
 
 } // namespace Sim

@@ -129,36 +129,47 @@ class SimNatHelper : public UloHelper::UloHelperNat {
    void asyncHwStatusResultIs(bool v) { asyncHwStatusResult_ = v; }
    bool commitHwTranslations() override;
 
-   bool addStaticSrcIpTranslation(Lumet::IpAndPort const& oldIpAndPort,
-                                  Lumet::IpAndPort const& newIpAndPort,
-                                  Lumet::IpAddrWithFullMask const& filterAddress, U8 protocol,
-                                  U16 vlan, Ip::Nat::StaticKey const& staticKey, bool forward,
-                                  Ulo::VrfId vrfId) override;
-   bool addStaticDstIpTranslation(Lumet::IpAndPort const& oldIpAndPort,
-                                  Lumet::IpAndPort const& newIpAndPort,
-                                  Lumet::IpAddrWithFullMask const& filterAddress, U8 protocol,
-                                  U16 vlan, Ip::Nat::StaticKey const& staticKey,
-                                  Vor::Ptr<Ulo::NatNextHopInfo const> nextHop,
-                                  Vor::Ptr<Ulo::NatMulticastData const> multicastInfo,
-                                  bool forward, Ulo::VrfId vrfId) override;
-   bool updateStaticDstIpTranslation(Lumet::IpAndPort const& oldIpAndPort,
-                                     Lumet::IpAndPort const& newIpAndPort,
-                                     Lumet::IpAddrWithFullMask const& filterAddress, U8 protocol,
-                                     U16 vlan, Ip::Nat::StaticKey const& staticKey,
-                                     Vor::Ptr<Ulo::NatNextHopInfo const> nextHop,
-                                     Vor::Ptr<Ulo::NatMulticastData const> multicastInfo,
-                                     bool forward, Ulo::VrfId vrfId) override;
-   bool updateStaticSrcIpTranslation(Lumet::IpAndPort const& oldIpAndPort,
-                                     Lumet::IpAndPort const& newIpAndPort,
-                                     Lumet::IpAddrWithFullMask const& filterAddress, U8 protocol,
-                                     U16 vlan, Ip::Nat::StaticKey const& staticKey,
-                                     Vor::Ptr<Ulo::NatNextHopInfo const> nextHop,
-                                     Vor::Ptr<Ulo::NatMulticastData const> multicastInfo,
-                                     bool forward, Ulo::VrfId vrfId) override;
-   bool deleteStaticSrcIpTranslation(U16 vlan, Ip::Nat::StaticKey const& staticKey, bool forward,
-                                     Ulo::VrfId vrfId) override;
-   bool deleteStaticDstIpTranslation(U16 vlan, Ip::Nat::StaticKey const& staticKey, bool forward,
-                                     Ulo::VrfId vrfId) override;
+   // The single-address operations: each builds one chip entry of its kind
+   // (a source add carries no next hop and no multicast data), or removes
+   // every entry of its kind for the connection.
+   bool addStaticSrcIpTranslation(IpAndPort const& oldIpAndPort, IpAndPort const& newIpAndPort,
+                                  IpAddrWithFullMask const& filterAddress, U8 protocol, U16 vlan,
+                                  Ip::Nat::StaticKey const& staticKey, bool forward,
+                                  Ulo::VrfId vrfId) override {
+      return putStatic(ChipEntryKey::Kind::staticSrc, oldIpAndPort, newIpAndPort, filterAddress, protocol,
+                       vlan, staticKey, nullptr, nullptr, forward, vrfId, false);
+   }
+   bool addStaticDstIpTranslation(IpAndPort const& oldIpAndPort, IpAndPort const& newIpAndPort,
+                                  IpAddrWithFullMask const& filterAddress, U8 protocol, U16 vlan,
+                                  Ip::Nat::StaticKey const& staticKey, NextHop nextHop,
+                                  MulticastInfo multicastInfo, bool forward, Ulo::VrfId vrfId) override {
+      return putStatic(ChipEntryKey::Kind::staticDst, oldIpAndPort, newIpAndPort, filterAddress, protocol,
+                       vlan, staticKey, nextHop, multicastInfo, forward, vrfId, false);
+   }
+   bool updateStaticDstIpTranslation(IpAndPort const& oldIpAndPort, IpAndPort const& newIpAndPort,
+                                     IpAddrWithFullMask const& filterAddress, U8 protocol, U16 vlan,
+                                     Ip::Nat::StaticKey const& staticKey, NextHop nextHop,
+                                     MulticastInfo multicastInfo, bool forward, Ulo::VrfId vrfId) override {
+      return putStatic(ChipEntryKey::Kind::staticDst, oldIpAndPort, newIpAndPort, filterAddress, protocol,
+                       vlan, staticKey, nextHop, multicastInfo, forward, vrfId, true);
+   }
+   bool updateStaticSrcIpTranslation(IpAndPort const& oldIpAndPort, IpAndPort const& newIpAndPort,
+                                     IpAddrWithFullMask const& filterAddress, U8 protocol, U16 vlan,
+                                     Ip::Nat::StaticKey const& staticKey, NextHop nextHop,
+                                     MulticastInfo multicastInfo, bool forward, Ulo::VrfId vrfId) override {
+      return putStatic(ChipEntryKey::Kind::staticSrc, oldIpAndPort, newIpAndPort, filterAddress, protocol,
+                       vlan, staticKey, nextHop, multicastInfo, forward, vrfId, true);
+   }
+   bool deleteStaticSrcIpTranslation(U16 vlan, Ip::Nat::StaticKey const& staticKey, bool,
+                                     Ulo::VrfId vrfId) override {
+      eraseAll(ChipEntryKey::Kind::staticSrc, vlan, staticKey, vrfId);
+      return true;
+   }
+   bool deleteStaticDstIpTranslation(U16 vlan, Ip::Nat::StaticKey const& staticKey, bool,
+                                     Ulo::VrfId vrfId) override {
+      eraseAll(ChipEntryKey::Kind::staticDst, vlan, staticKey, vrfId);
+      return true;
+   }
 
  private:
    struct StagedOp {
@@ -175,12 +186,10 @@ class SimNatHelper : public UloHelper::UloHelperNat {
    bool put(ChipEntryKey const& key, ChipEntry const& entry, bool isUpdate);
    // Builds the entry of one single-address static operation (a null next
    // hop or multicast data leaves those fields clear) and puts it.
-   bool putStatic(ChipEntryKey::Kind kind, Lumet::IpAndPort const& oldIpAndPort,
-                  Lumet::IpAndPort const& newIpAndPort, Lumet::IpAddrWithFullMask const& filterAddress,
-                  U8 protocol, U16 vlan, Ip::Nat::StaticKey const& staticKey,
-                  Vor::Ptr<Ulo::NatNextHopInfo const> const& nextHop,
-                  Vor::Ptr<Ulo::NatMulticastData const> const& multicastInfo, bool forward,
-                  Ulo::VrfId vrfId, bool isUpdate);
+   bool putStatic(ChipEntryKey::Kind kind, IpAndPort const& oldIpAndPort, IpAndPort const& newIpAndPort,
+                  IpAddrWithFullMask const& filterAddress, U8 protocol, U16 vlan,
+                  Ip::Nat::StaticKey const& staticKey, NextHop const& nextHop,
+                  MulticastInfo const& multicastInfo, bool forward, Ulo::VrfId vrfId, bool isUpdate);
    void eraseAll(ChipEntryKey::Kind kind, U16 vlan, Ip::Nat::StaticKey const& staticKey,
                  Ulo::VrfId vrfId);
 
