@@ -66,6 +66,14 @@ bool SlotReaderTable::doResize() {
    return true;
 }
 
+// Out of line, so that the one read() it is made of is inlined here and its
+// result stays in registers.
+U32 SlotReaderTable::getValue(U32 slot, void* value, U32& rhash) {
+   Read r = read(slot, 0, 0, nullptr, value, [](U32, U32) { return true; });
+   rhash = r.rhash;
+   return r.seq;
+}
+
 void SlotReaderTable::throwOutOfRange(U32 slot) const {
    throw SlotOutOfRange(fmt::format("out-of-range index:{} numSlots:{}", slot, numSlots_), slot);
 }

@@ -199,10 +199,4 @@ SlotReaderTable::Read SlotReaderTable::read(U32 slot, std::size_t keyOffset, std
    }
 }
 
-inline U32 SlotReaderTable::getValue(U32 slot, void* value, U32& rhash) {
-   Read r = read(slot, 0, 0, nullptr, value, [](U32, U32) { return true; });
-   rhash = r.rhash;
-   return r.seq;
-}
-
 } // namespace Zaffa

@@ -25,8 +25,8 @@
 // key alone, read under the slot's sequence (SlotReaderTable::read); the
 // value is copied only for the slot the walk returns, in the same window,
 // straight into the caller's value. One chain walk (walkChain) serves lookup
-// and next alike; what differs between them is the decision at each step (a
-// ChainPolicy below).
+// and next alike; what differs between them is the decision at each step
+// (LookupPolicy, NextPolicy).
 //
 // Resizes. The reader keeps local copies of numSlots and numBuckets, each
 // with the version stored beside it in the same 8-byte word. A walk may use

@@ -1,6 +1,7 @@
 // Reader lookups per second on a table of 10k entries, alone and while a
-// writer in another process overwrites as fast as it can; the same pair for
-// a boost::interprocess hash map under a sharable mutex; and the shadow's
+// writer in another process overwrites as fast as it can, and the same pair
+// for a boost::interprocess hash map under a sharable mutex; lookups along
+// one long chain against bare reads of the same slots; and the shadow's
 // synchronisation rate. Rates are per second of the reading thread's CPU
 // time (CLOCK_THREAD_CPUTIME_ID), so that time the reader spends descheduled
 // on a shared 2-core machine does not count against it; the ratios
@@ -19,6 +20,7 @@
 
 #include <csignal>
 #include <ctime>
+#include <map>
 #include <random>
 #include <sys/wait.h>
 
@@ -97,6 +99,67 @@ void BM_ZaffaReaderLookup(benchmark::State& state) {
    state.counters["slot_retries"] = static_cast<double>(reader.counters().retries);
 }
 BENCHMARK(BM_ZaffaReaderLookup)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+// Lookups along one long chain: every key of the table shares its bucket, so
+// a lookup passes on average half the chain before its hit. The reader reads
+// only the rhash and key of a slot it passes, and copies one value. The
+// baseline, in the same run, reads the same slots of the same lookups whole
+// (SlotReaderTable::getValue, 736 bytes each) and compares their keys, with
+// none of the walk's checks. The ratio is what the walk's own work costs over
+// bare copies of the slots it passes: chiefly hashing each passed key to
+// check that it belongs to the chain, which a chain in cache makes the
+// larger part.
+void BM_ZaffaReaderLongChain(benchmark::State& state) {
+   constexpr std::size_t chain = 64;
+   TempDir dir;
+   Writer w(config(dir.path(), 256, 256));
+   w.attach();
+   U32 const seed = w.slotTable().header()->hashSeed;
+   U32 const bucketBits = TestKey::of(0).hash(seed) & 0xFFF;
+   std::vector<U64> ids;
+   for (U64 id = 0; ids.size() < chain; ++id) {
+      if ((TestKey::of(id).hash(seed) & 0xFFF) == bucketBits) ids.push_back(id);
+   }
+   for (U64 id : ids) w.write(TestValue::of(id, 1), true);
+   Zaffa::ZaffaReader<TestKey, TestValue> reader{Mem::RootPath(dir.path())};
+   std::string message;
+   if (!reader.attach(message)) state.SkipWithError(message.c_str());
+   // The slots of the chain in walk order, and each key's place in it.
+   std::vector<U32> slots;
+   std::map<U64, std::size_t> place;
+   TestValue v;
+   Zaffa::IterHint hint;
+   for (bool more = reader.first(v, hint); more; more = reader.next(v.key, v, hint)) {
+      place[v.key.id] = slots.size();
+      slots.push_back(hint.slot);
+   }
+   if (slots.size() != chain) state.SkipWithError("the keys are not on one chain");
+   constexpr U64 lookups = 200000;
+   double walk = 0, whole = 0;
+   for (auto _ : state) {
+      std::mt19937_64 rng(3);
+      U64 hits = 0;
+      double start = threadCpu();
+      for (U64 i = 0; i < lookups; ++i) hits += reader.lookup(TestKey::of(ids[rng() % chain]), v) ? 1 : 0;
+      walk = threadCpu() - start;
+      rng.seed(3);
+      start = threadCpu();
+      for (U64 i = 0; i < lookups; ++i) {
+         TestKey const k = TestKey::of(ids[rng() % chain]);
+         for (std::size_t p = 0, end = place[k.id]; p <= end; ++p) {
+            U32 r;
+            reader.slots().getValue(slots[p], &v, r);
+            hits += v.key == k ? 1 : 0;
+         }
+      }
+      whole = threadCpu() - start;
+      benchmark::DoNotOptimize(hits);
+   }
+   state.counters["chain_lookups_per_s"] = static_cast<double>(lookups) / walk;
+   state.counters["whole_reads_per_s"] = static_cast<double>(lookups) / whole;
+   state.counters["chain_over_whole_time"] = walk / whole;
+}
+BENCHMARK(BM_ZaffaReaderLongChain)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 using Segment = bip::managed_shared_memory;
 using Alloc = bip::allocator<std::pair<U64 const, TestValue>, Segment::segment_manager>;
