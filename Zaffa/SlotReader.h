@@ -141,7 +141,9 @@ class SlotReaderTable {
    // `valueSize()` bytes of the value copied into `value`. `wanted` is called
    // once per attempt and may see a torn key: it must only compute. The
    // result is that of the last attempt, whose key, decision and (if copied)
-   // value are one whole version of the slot. REQUIRES: attached,
+   // value are one whole version of the slot. When it says not copied,
+   // `value` may still hold the copy of an attempt that was thrown away.
+   // REQUIRES: attached,
    // keyOffset + keyBytes <= valueSize(). Raises SlotOutOfRange as getValue.
    template <typename Wanted>
    Read read(U32 slot, std::size_t keyOffset, std::size_t keyBytes, void* key, void* value, Wanted&& wanted);
