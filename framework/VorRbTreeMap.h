@@ -245,25 +245,9 @@ class RbTreeMapGeneric {
 
       // Moves to the member with the next key above key(), as the map is
       // now. REQUIRES: !done().
-      void next() {
-         uloAssert(key_.has_value());
-         if (map_->version_ == version_ && node_ != nullptr) {
-            standOn(successor(node_));
-         } else {
-            version_ = map_->version_;
-            standOn(map_->upperBoundNode(*key_));
-         }
-      }
+      void next() { step(true); }
       // Moves to the member with the next key below key(). REQUIRES: !done().
-      void prev() {
-         uloAssert(key_.has_value());
-         if (map_->version_ == version_ && node_ != nullptr) {
-            standOn(predecessor(node_));
-         } else {
-            version_ = map_->version_;
-            standOn(map_->lastBelowNode(*key_));
-         }
-      }
+      void prev() { step(false); }
       IteratorT& operator++() {
          next();
          return *this;
@@ -282,6 +266,17 @@ class RbTreeMapGeneric {
       template <bool>
       friend class IteratorT;
 
+      // next() for `up`, prev() otherwise: while the map is unchanged the
+      // walk follows the tree, else it finds its place again by key.
+      void step(bool up) {
+         uloAssert(key_.has_value());
+         if (map_->version_ == version_ && node_ != nullptr) {
+            standOn(neighbour(node_, up));
+         } else {
+            version_ = map_->version_;
+            standOn(up ? map_->upperBoundNode(*key_) : map_->lastBelowNode(*key_));
+         }
+      }
       void standOn(Node* node) {
          node_ = node;
          if (node != nullptr) {
@@ -335,7 +330,6 @@ class RbTreeMapGeneric {
       return p;
    }
    static Node* successor(Node* n) { return neighbour(n, true); }
-   static Node* predecessor(Node* n) { return neighbour(n, false); }
 
    Node* findNode(K const& key) const {
       Node* n = root_;
