@@ -150,7 +150,6 @@ void record(benchmark::State& state, std::string const& system, std::string cons
    state.counters[phase + "_ns"] = s.ns;
 }
 
-double get_ins(U64 n) { return results["zaffa/insert"][n]; }
 void BM_Zaffa(benchmark::State& state) {
    U64 const n = static_cast<U64>(state.range(0));
    Workload w(n);
