@@ -60,12 +60,21 @@ class BucketReader {
    bool attached() const { return file_.isOpen(); }
 
    // Checks the file against generation `fenix` (0: any) and its size now.
+   // The size is read before numBuckets: a writer that grows the table in
+   // between (it extends the file before it publishes the larger count)
+   // makes the file look too short, so a fault is only trusted once the
+   // size has stopped changing.
    bool validate(U32 fenix, std::string& message) {
       if (!attached()) {
          message = "bucket table detached";
          return false;
       }
-      return view().validate(file_.refreshSize(), fenix, message);
+      for (std::size_t size = file_.refreshSize();; ) {
+         if (view().validate(size, fenix, message)) return true;
+         std::size_t const now = file_.refreshSize();
+         if (now == size) return false;
+         size = now;
+      }
    }
 
    // Takes the writer's current numBuckets. True when it changed. Raises

@@ -24,9 +24,18 @@ bool SlotReaderTable::attach(std::string const& path, U32 wantedFenix, U32 value
    SlotTableHeader const* h = header();
    // The slot size must be read before headerBytes() means anything; a file
    // too short for its own lookaside slot fails here, not in the copy.
-   if (!h->validate(false, file_.size(), wantedFenix, message)) {
-      detach();
-      return false;
+   //
+   // The size was taken when the file was opened, the header's numSlots is
+   // read now: a writer that grew the table in between (it extends the file
+   // before it publishes the larger count, and never shortens it while it
+   // lives) makes the file look too short for its count. Only a fault that
+   // stays at a size that no longer changes belongs to the file.
+   for (std::size_t size = file_.size();; size = file_.size()) {
+      if (h->validate(false, size, wantedFenix, message)) break;
+      if (file_.refreshSize() == size) {
+         detach();
+         return false;
+      }
    }
    if (h->valueSize != valueSize || h->slotSize != slotSizeFor(valueSize)) {
       message = fmt::format("bad valueSize:{} slotSize:{} wanted valueSize:{}", h->valueSize,

@@ -12,6 +12,7 @@
 #include <map>
 #include <random>
 #include <set>
+#include <poll.h>
 #include <sys/wait.h>
 
 using namespace ZaffaTest;
@@ -391,6 +392,29 @@ std::vector<U64> collidingIds(U32 seed, std::size_t count) {
    return ids;
 }
 
+// Runs `body(fd)` as a writer in a child process, with the write end of a
+// pipe on which it tells the parent how far it got; the parent keeps the read
+// end in `fd`. The child exits with body's code, or 4 after an exception.
+template <typename Body>
+pid_t forkWriter(int& fd, Body&& body) {
+   int p[2];
+   if (::pipe(p) != 0) return -1;
+   pid_t pid = ::fork();
+   if (pid == 0) {
+      ::close(p[0]);
+      int code = 4;
+      try {
+         code = body(p[1]);
+      } catch (std::exception const& e) {
+         std::fprintf(stderr, "writer: %s\n", e.what());
+      }
+      _exit(code);
+   }
+   ::close(p[1]);
+   fd = p[0];
+   return pid;
+}
+
 struct ChainReport {
    U64 lookups = 0;
    U64 hits = 0;
@@ -456,44 +480,33 @@ TEST(ZaffaReader, LongChainLookupsReturnOnlyWholeValuesWhileAWriterChurns) {
    r.detach();
 
    double const seconds = testBudgetSeconds(1.5, 30.0);
-   int ready[2];
-   ASSERT_EQ(::pipe(ready), 0);
-   pid_t writer = ::fork();
-   ASSERT_GE(writer, 0);
-   if (writer == 0) {
-      ::close(ready[0]);
-      int code = 0;
-      try {
-         Writer w(c);
-         w.attach();
-         char ok = 1;
-         if (::write(ready[1], &ok, 1) != 1) _exit(3);
-         std::mt19937_64 rng(5);
-         auto const end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-         for (U64 n = 0, stamp = 1;; ++n) {
-            if ((n & 255) == 0 && std::chrono::steady_clock::now() >= end) break;
-            U64 const id = present[rng() % present.size()];
-            if (rng() % 5 == 0) {
-               // Out and back in: the freed slot goes to whichever key is
-               // inserted next, and the key comes back in another slot.
-               TestValue old;
-               w.remove(TestKey::of(id), old);
-               U64 const other = present[rng() % present.size()];
-               w.write(TestValue::of(other, ++stamp), true);
-            }
-            w.write(TestValue::of(id, ++stamp), true);
+   int ready = -1;
+   pid_t writer = forkWriter(ready, [&](int fd) {
+      Writer w(c);
+      w.attach();
+      char ok = 1;
+      if (::write(fd, &ok, 1) != 1) return 3;
+      std::mt19937_64 rng(5);
+      auto const end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+      for (U64 n = 0, stamp = 1;; ++n) {
+         if ((n & 255) == 0 && std::chrono::steady_clock::now() >= end) break;
+         U64 const id = present[rng() % present.size()];
+         if (rng() % 5 == 0) {
+            // Out and back in: the freed slot goes to whichever key is
+            // inserted next, and the key comes back in another slot.
+            TestValue old;
+            w.remove(TestKey::of(id), old);
+            U64 const other = present[rng() % present.size()];
+            w.write(TestValue::of(other, ++stamp), true);
          }
-         code = w.validate() ? 0 : 5;
-      } catch (std::exception const& e) {
-         std::fprintf(stderr, "writer: %s\n", e.what());
-         code = 4;
+         w.write(TestValue::of(id, ++stamp), true);
       }
-      _exit(code);
-   }
-   ::close(ready[1]);
+      return w.validate() ? 0 : 5;
+   });
+   ASSERT_GE(writer, 0);
    char ok = 0;
-   ASSERT_EQ(::read(ready[0], &ok, 1), 1) << "writer failed to attach";
-   ::close(ready[0]);
+   ASSERT_EQ(::read(ready, &ok, 1), 1) << "writer failed to attach";
+   ::close(ready);
    for (int i = 0; i < 1000 && !r.attach(message); ++i) ::usleep(1000);
    ASSERT_TRUE(r.attached()) << message;
 
@@ -563,4 +576,64 @@ TEST(ZaffaReader, LongChainLookupsReturnOnlyWholeValuesWhileAWriterChurns) {
    }
    EXPECT_GT(report.hits, 1000u);
    EXPECT_GT(report.walks, 0u);
+}
+
+// A reader may attach at any moment of the writer's life, also while the
+// writer grows the slot and bucket files and publishes their new sizes: a
+// file size taken before the header's count was read must not make the files
+// look too short for their count. Files only get longer the first time a
+// table reaches a size, so the writer grows a fresh table in each of a series
+// of directories, and the reader attaches to the newest one over and over.
+TEST(ZaffaReader, AttachesWhileTheWriterGrowsItsFiles) {
+   TempDir dir;
+   int const tables = 40;
+   auto rootOf = [&](int i) { return dir.path() + "/" + std::to_string(i); };
+   int ready = -1;
+   pid_t writer = forkWriter(ready, [&](int fd) {
+      for (int i = 0; i < tables; ++i) {
+         auto c = config(rootOf(i), 16, 16);
+         c.initialBuckets = 2;
+         Writer w(c);
+         w.attach();
+         char const n = static_cast<char>(i);
+         if (::write(fd, &n, 1) != 1) return 3;
+         // About 45 grows of the slot file by a tenth, and the buckets
+         // doubling from 2 to 1024.
+         for (U64 id = 0; id < 1000; ++id) w.write(TestValue::of(id, 1), true);
+         w.detach(false);
+      }
+      return 0;
+   });
+   ASSERT_GE(writer, 0);
+   U64 attaches = 0, failures = 0;
+   std::string firstFailure;
+   int current = -1;
+   for (;;) {
+      // The newest table the writer has attached; wait for the first.
+      pollfd p{ready, POLLIN, 0};
+      bool ended = false;
+      while (::poll(&p, 1, current < 0 ? 10000 : 0) > 0) {
+         char n;
+         if (::read(ready, &n, 1) != 1) {
+            ended = true;
+            break;
+         }
+         current = n;
+      }
+      if (ended || current < 0) break;
+      Reader r{Mem::RootPath(rootOf(current))};
+      std::string message;
+      if (r.attach(message)) {
+         ++attaches;
+      } else if (failures++ == 0) {
+         firstFailure = message;
+      }
+   }
+   ::close(ready);
+   int status = 0;
+   ::waitpid(writer, &status, 0);
+   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "writer status " << status;
+   EXPECT_EQ(current, tables - 1);
+   EXPECT_EQ(failures, 0u) << "of " << attaches + failures << " attaches, first: " << firstFailure;
+   EXPECT_GT(attaches, static_cast<U64>(tables));
 }
