@@ -142,7 +142,6 @@ class WriterHashMap {
          // Each chain's first slot is a cache miss of its own; asking for
          // the one some buckets ahead lets those misses overlap.
          if (i + growPrefetchDistance < n) prefetchHead(i + growPrefetchDistance);
-         if (i + growPrefetchDistance / 4 < n) prefetchSecond(i + growPrefetchDistance / 4);
          void* prev = buckets_.head(i);
          U32 mover = noSlot;
          for (SlotLink link = loadLink(prev); !link.endOfChain(); link = loadLink(prev)) {
@@ -192,19 +191,9 @@ class WriterHashMap {
    ZaffaCore::BucketWriter<SlotLink> const& buckets() const { return buckets_; }
 
  private:
-   static constexpr U32 growPrefetchDistance = 32;
+   static constexpr U32 growPrefetchDistance = 16;
    void prefetchHead(U32 b) const {
       SlotLink link = loadLink(buckets_.head(b));
-      if (!link.endOfChain() && link.next < slots_.numSlots()) {
-         __builtin_prefetch(slots_.slot(link.next).link());
-      }
-   }
-   // The second slot of a chain whose first one was asked for earlier and
-   // has arrived by now.
-   void prefetchSecond(U32 b) const {
-      SlotLink link = loadLink(buckets_.head(b));
-      if (link.endOfChain() || link.next >= slots_.numSlots()) return;
-      link = loadLink(slots_.slot(link.next).link());
       if (!link.endOfChain() && link.next < slots_.numSlots()) {
          __builtin_prefetch(slots_.slot(link.next).link());
       }
