@@ -5,7 +5,7 @@
 //
 // A PortSpec is one operator over a list of ports:
 //
-//   any                 every port (the default; also an empty spec)
+//   any                 every port (the default; also an empty list)
 //   eq    p1 p2 ...     any of the listed ports
 //   neq   p1 p2 ...     every port except the listed ones
 //   lt    p             ports below p
@@ -18,7 +18,7 @@
 // Thread safety: plain value; const operations may run concurrently.
 //
 // Invariants:
-//  1. A spec built through the factories or parse has the number of ports
+//  1. A PortSpec built through the factories or parse has the number of ports
 //     its operator takes: none for any, at least one for eq and neq, one for
 //     lt and gt, two for range. Specs that match no port at all (lt 0,
 //     gt 65535, range 9 8) can be built; portSpecToRanges refuses them.
@@ -83,16 +83,16 @@ struct U16FieldRange {
 };
 
 // Results of portSpecToRanges below zero.
-constexpr int portSpecTooManyRanges = -1;   // the spec needs more than maxRanges ranges
+constexpr int portSpecTooManyRanges = -1;   // the ports need more than maxRanges ranges
 constexpr int portSpecMatchesNothing = -2;  // lt 0, gt 65535, range with low > high
 constexpr int portSpecMalformed = -3;       // wrong number of ports for the operator
 
-// Fills `ranges` with the ports `spec` matches as sorted, disjoint,
+// Fills `ranges` with the ports `portSpec` matches as sorted, disjoint,
 // non-adjacent inclusive ranges, and returns how many. Returns 0 when the
-// spec matches every port (any, or a list that happens to cover 0..65535):
+// PortSpec matches every port (any, or a list that happens to cover 0..65535):
 // `ranges` is then untouched. Returns one of the negative results above on
 // error; `ranges` may then hold partial output.
 // REQUIRES: `ranges` has room for maxRanges entries.
-int portSpecToRanges(U16FieldRange* ranges, int maxRanges, PortSpec const& spec);
+int portSpecToRanges(U16FieldRange* ranges, int maxRanges, PortSpec const& portSpec);
 
 } // namespace Acl

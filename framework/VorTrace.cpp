@@ -41,12 +41,12 @@ std::uint32_t maskOf(int level) {
    return (1u << (level + 1)) - 1u;
 }
 
-bool parseSpec(std::string const& spec, std::vector<Rule>& out) {
+bool parseRules(std::string const& text, std::vector<Rule>& out) {
    std::size_t start = 0;
-   while (start <= spec.size()) {
-      std::size_t end = spec.find(',', start);
-      if (end == std::string::npos) end = spec.size();
-      std::string item = spec.substr(start, end - start);
+   while (start <= text.size()) {
+      std::size_t end = text.find(',', start);
+      if (end == std::string::npos) end = text.size();
+      std::string item = text.substr(start, end - start);
       if (!item.empty()) {
          std::size_t slash = item.rfind('/');
          if (slash == std::string::npos || slash == 0 || slash + 1 == item.size()) return false;
@@ -65,7 +65,7 @@ void applyEnvLocked(Registry& r) {
    r.envRead = true;
    if (char const* env = std::getenv("ULONAT_TRACE")) {
       std::vector<Rule> rules;
-      if (parseSpec(env, rules)) {
+      if (parseRules(env, rules)) {
          r.rules.insert(r.rules.end(), rules.begin(), rules.end());
       } else {
          std::fprintf(stderr, "ULONAT_TRACE: malformed value '%s' ignored (want pattern/level,...)\n", env);
@@ -122,9 +122,9 @@ void traceEnable(std::string const& pattern, int level) {
    }
 }
 
-bool traceEnableSpec(std::string const& spec) {
+bool traceEnableRules(std::string const& text) {
    std::vector<Rule> rules;
-   if (!parseSpec(spec, rules)) return false;
+   if (!parseRules(text, rules)) return false;
    for (auto const& rule : rules) traceEnable(rule.pattern, rule.level);
    return true;
 }

@@ -69,7 +69,7 @@ void traceWrite(TraceHandle const& handle, int level, std::string_view text);
 void traceEnable(std::string const& pattern, int level);
 // Applies a comma-separated "pattern/level" list; returns false and leaves
 // everything unchanged on a malformed list.
-bool traceEnableSpec(std::string const& spec);
+bool traceEnableRules(std::string const& text);
 void traceDisableAll();
 
 // Collects the pieces of a stream-style trace and writes them when destroyed.

@@ -9,11 +9,11 @@ using Acl::U16FieldRange;
 
 namespace {
 
-// Ranges of `spec` with room for `room`, or the negative result as one range
+// Ranges of `portSpec` with room for `room`, or the negative result as one range
 // {result, result} so that tests can compare whole outcomes.
-std::vector<U16FieldRange> ranges(PortSpec const& spec, int room = 11) {
+std::vector<U16FieldRange> ranges(PortSpec const& portSpec, int room = 11) {
    U16FieldRange out[11];
-   int n = Acl::portSpecToRanges(out, room, spec);
+   int n = Acl::portSpecToRanges(out, room, portSpec);
    if (n < 0) return {U16FieldRange{0xdead, static_cast<Vor::U16>(-n)}};
    return std::vector<U16FieldRange>(out, out + n);
 }
@@ -51,9 +51,9 @@ TEST(AclPortSpecToRanges, Errors) {
 
 TEST(AclPortSpec, TextRoundTripOrderAndParseErrors) {
    for (char const* text : {"any", "eq 80 443", "neq 22", "lt 1024", "gt 1023", "range 1024 65535"}) {
-      auto spec = PortSpec::parse(text);
-      ASSERT_TRUE(spec) << text;
-      EXPECT_EQ(spec->stringValue(), text);
+      auto portSpec = PortSpec::parse(text);
+      ASSERT_TRUE(portSpec) << text;
+      EXPECT_EQ(portSpec->stringValue(), text);
    }
    EXPECT_EQ(*PortSpec::parse("eq 80 443"), PortSpec::eqPorts({80, 443}));
    for (char const* text : {"", "eq", "range 1", "range 1 2 3", "lt 1 2", "any 1", "eq 65536", "eq -1",

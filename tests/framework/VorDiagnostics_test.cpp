@@ -84,8 +84,8 @@ TEST(VorTrace, EnabledLevelsReachTheSinkAndTheRing) {
    });
    VOR_TRACE(5, "off " << 1);
    EXPECT_TRUE(lines.empty());
-   EXPECT_FALSE(Vor::traceEnableSpec("DiagnosticsTest"));   // malformed: no level
-   ASSERT_TRUE(Vor::traceEnableSpec("Diagnostics*/5"));
+   EXPECT_FALSE(Vor::traceEnableRules("DiagnosticsTest"));   // malformed: no level
+   ASSERT_TRUE(Vor::traceEnableRules("Diagnostics*/5"));
    VOR_TRACE(5, "Creating intfStatus for " << "key" << " on VRF " << 7);
    VOR_TRACE(6, "too detailed");
    Nimlog::RingBuf::instance().clear();

@@ -31,7 +31,7 @@ int main(int argc, char** argv) {
       int const rc = app.exit(e);
       return rc == 0 ? 0 : 2;
    }
-   if (!trace.empty() && !Vor::traceEnableSpec(trace)) {
+   if (!trace.empty() && !Vor::traceEnableRules(trace)) {
       std::cerr << "ulonat-sim: --trace '" << trace << "': expected pattern/level[,pattern/level...]\n";
       return 2;
    }
