@@ -189,9 +189,22 @@ U32 SlotWriterTable::alloc(U32 rhash) {
    if (i >= numSlots_) Jorro::throwCorruption("out-of-range index: {} max:{}", i, numSlots_);
    RawSlot s = slot(i);
    s.rhashIs(rhash);
-   h->freeSlots = loadLink(s.link()).next;
+   U32 const next = loadLink(s.link()).next;
+   h->freeSlots = next;
    ++h->occupiedSlots;
+   // The next insert fills that slot: start fetching it now, so that its
+   // misses overlap this insert's work instead of stalling the next one.
+   if (next < numSlots_) prefetchForWrite(next);
    return i;
+}
+
+void SlotWriterTable::prefetchForWrite(U32 i) const {
+   constexpr std::uintptr_t line = 64;
+   auto const start = reinterpret_cast<std::uintptr_t>(slot(i).link()) & ~(line - 1);
+   auto const end = reinterpret_cast<std::uintptr_t>(slot(i).link()) + header()->slotSize;
+   for (std::uintptr_t p = start; p < end; p += line) {
+      __builtin_prefetch(reinterpret_cast<void const*>(p), 1);
+   }
 }
 
 void SlotWriterTable::release(U32 i) {

@@ -109,6 +109,8 @@ class SlotWriterTable {
  private:
    void reformat(U32 fenix);
    void initSlot(U32 i);
+   // Fetches the cache lines of a slot that is about to be filled.
+   void prefetchForWrite(U32 slot) const;
    // Default-initialises slots from..to-1. When zero bytes are a slot's
    // default, the slots at or above byte offset `zeroFrom` (memory the file
    // has just been extended by, which reads as zeros) are left as they are:
