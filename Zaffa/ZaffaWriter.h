@@ -167,21 +167,23 @@ class ZaffaWriter {
    TableView view() const;
 
  private:
-   // Sets runtimeFlags bit 0 for the span of one operation, and leaves it set
-   // if an exception ends the operation.
-   class OperationGuard {
-    public:
-      explicit OperationGuard(ZaffaWriter& w) : w_(w), uncaught_(std::uncaught_exceptions()) {
-         w_.runtimeFlagIs(true);
+   // Runs one changing operation with runtimeFlags bit 0 set. An exception
+   // that ends the operation leaves the bit set, which tells the next attach
+   // that the operation was interrupted. (Done without a destructor that asks
+   // whether an exception is passing: that costs a thread-local lookup on
+   // every write.)
+   template <typename Body>
+   decltype(auto) inOperation(Body&& body) {
+      runtimeFlagIs(true);
+      if constexpr (std::is_void_v<std::invoke_result_t<Body>>) {
+         body();
+         runtimeFlagIs(false);
+      } else {
+         auto result = body();
+         runtimeFlagIs(false);
+         return result;
       }
-      ~OperationGuard() {
-         if (std::uncaught_exceptions() == uncaught_) w_.runtimeFlagIs(false);
-      }
-
-    private:
-      ZaffaWriter& w_;
-      int uncaught_;
-   };
+   }
 
    static SlotTableConfig slotConfig(WriterConfig const& c, Mem::RootPath const& root) {
       SlotTableConfig s;
@@ -487,66 +489,68 @@ template <typename Key, typename Value>
 Value const* ZaffaWriter<Key, Value>::write(Value const& value, bool overwrite) {
    Key const& key = KeyOf::get(value);
    if (directSlot_ != noSlot || directNew_) checkNotDirect("writing value", describe(value));
-   OperationGuard guard(*this);
-   U32 const h = Map::hashOf(key, seed_);
-   auto place = map_.find(key, h);
-   if (place.hit) {
-      if (!overwrite) {
-         ZAFFA_LOG(9, "existing {} bucket:{} slot:{} next:{}", describe(key), place.bucket, place.slot,
-                   loadLink(slots_.slot(place.slot).link()).next);
+   return inOperation([&]() -> Value const* {
+      U32 const h = Map::hashOf(key, seed_);
+      auto place = map_.find(key, h);
+      if (place.hit) {
+         if (!overwrite) {
+            ZAFFA_LOG(9, "existing {} bucket:{} slot:{} next:{}", describe(key), place.bucket, place.slot,
+                      loadLink(slots_.slot(place.slot).link()).next);
+            return slotValue(place.slot);
+         }
+         storeValue(place.slot, value);
+         trevine_.notify(place.slot);
+         ++counters_.overwrites;
          return slotValue(place.slot);
       }
-      storeValue(place.slot, value);
-      trevine_.notify(place.slot);
-      ++counters_.overwrites;
-      return slotValue(place.slot);
-   }
-   // alloc may grow the slot file; the mapping does not move, so prevLink
-   // stays valid.
-   U32 numSlotsBefore = slots_.numSlots();
-   U32 s = slots_.alloc(Jorro::Util::reverse(h));
-   if (slots_.numSlots() != numSlotsBefore) afterSlotGrow();
-   RawSlot slot = slots_.slot(s);
-   SlotLink own = loadLink(slot.link());
-   storeLink(slot.link(), SlotLink{own.seq + 4, loadLink(place.prevLink).next});
-   storeValue(s, value);
-   relink(place.prevLink, s);
-   afterInsert();
-   trevine_.notify(s);
-   ++counters_.inserts;
-   return slotValue(s);
+      // alloc may grow the slot file; the mapping does not move, so prevLink
+      // stays valid.
+      U32 numSlotsBefore = slots_.numSlots();
+      U32 s = slots_.alloc(Jorro::Util::reverse(h));
+      if (slots_.numSlots() != numSlotsBefore) afterSlotGrow();
+      RawSlot slot = slots_.slot(s);
+      SlotLink own = loadLink(slot.link());
+      storeLink(slot.link(), SlotLink{own.seq + 4, loadLink(place.prevLink).next});
+      storeValue(s, value);
+      relink(place.prevLink, s);
+      afterInsert();
+      trevine_.notify(s);
+      ++counters_.inserts;
+      return slotValue(s);
+   });
 }
 
 template <typename Key, typename Value>
 bool ZaffaWriter<Key, Value>::remove(Key const& key, Value& old) {
    if (directSlot_ != noSlot || directNew_) checkNotDirect("removing key", describe(key));
-   OperationGuard guard(*this);
-   U32 const h = Map::hashOf(key, seed_);
-   auto place = map_.find(key, h);
-   if (!place.hit) {
-      ZAFFA_LOG(9, "{} bucket:{} not found", describe(key), place.bucket);
-      return false;
-   }
-   U32 const s = place.slot;
-   RawSlot slot = slots_.slot(s);
-   std::memcpy(&old, slot.value(), sizeof(Value));
-   // Unlink first: a reader standing on the slot can still walk on from it,
-   // and its sequence check tells it that the slot changed.
-   relink(place.prevLink, loadLink(slot.link()).next);
-   slot.seqIs((slot.seq() + 4) & ~(seqOccupied | seqLookaside));
-   slots_.release(s);
-   SlotTableHeader* hdr = slots_.header();
-   --hdr->occupiedSlots;
-   U32 threshold = hdr->occupiedSlots < slots_.shrinkThreshold() / 2 ? slots_.shrinkThreshold() : 0;
-   trevine_.notify(s);
-   ++counters_.removes;
-   doMaybeShrinkSlots(threshold);
-   if (map_.shrink() && hdr->occupiedSlots < map_.shrinkThreshold()) {
-      U32 before = map_.numBuckets();
-      map_.shrinkBuckets();
-      if (map_.numBuckets() != before) ++counters_.bucketShrinks;
-   }
-   return true;
+   return inOperation([&]() -> bool {
+      U32 const h = Map::hashOf(key, seed_);
+      auto place = map_.find(key, h);
+      if (!place.hit) {
+         ZAFFA_LOG(9, "{} bucket:{} not found", describe(key), place.bucket);
+         return false;
+      }
+      U32 const s = place.slot;
+      RawSlot slot = slots_.slot(s);
+      std::memcpy(&old, slot.value(), sizeof(Value));
+      // Unlink first: a reader standing on the slot can still walk on from it,
+      // and its sequence check tells it that the slot changed.
+      relink(place.prevLink, loadLink(slot.link()).next);
+      slot.seqIs((slot.seq() + 4) & ~(seqOccupied | seqLookaside));
+      slots_.release(s);
+      SlotTableHeader* hdr = slots_.header();
+      --hdr->occupiedSlots;
+      U32 threshold = hdr->occupiedSlots < slots_.shrinkThreshold() / 2 ? slots_.shrinkThreshold() : 0;
+      trevine_.notify(s);
+      ++counters_.removes;
+      doMaybeShrinkSlots(threshold);
+      if (map_.shrink() && hdr->occupiedSlots < map_.shrinkThreshold()) {
+         U32 before = map_.numBuckets();
+         map_.shrinkBuckets();
+         if (map_.numBuckets() != before) ++counters_.bucketShrinks;
+      }
+      return true;
+   });
 }
 
 template <typename Key, typename Value>
@@ -596,14 +600,15 @@ Value* ZaffaWriter<Key, Value>::directWrite(Key const& key) {
 template <typename Key, typename Value>
 Value* ZaffaWriter<Key, Value>::directUpdate(Key const& key) {
    if (directSlot_ != noSlot || directNew_) checkNotDirect("modifying key", describe(key));
-   OperationGuard guard(*this);
-   auto place = map_.find(key, Map::hashOf(key, seed_));
-   if (!place.hit) return nullptr;
-   directNew_ = false;
-   directPrev_ = place.prevLink;
-   directSlot_ = place.slot;
-   directKey_ = key;
-   return lookasideValue();
+   return inOperation([&]() -> Value* {
+      auto place = map_.find(key, Map::hashOf(key, seed_));
+      if (!place.hit) return nullptr;
+      directNew_ = false;
+      directPrev_ = place.prevLink;
+      directSlot_ = place.slot;
+      directKey_ = key;
+      return lookasideValue();
+   });
 }
 
 template <typename Key, typename Value>
@@ -653,9 +658,10 @@ Value const* ZaffaWriter<Key, Value>::directCommit() {
 template <typename Key, typename Value>
 void ZaffaWriter<Key, Value>::shrink() {
    if (directSlot_ != noSlot || directNew_) checkNotDirect("shrinking", root_.dir());
-   OperationGuard guard(*this);
-   U32 threshold = slots_.shrinkThreshold();
-   doMaybeShrinkSlots(threshold ? threshold : slots_.numSlots());
+   inOperation([&]() {
+      U32 threshold = slots_.shrinkThreshold();
+      doMaybeShrinkSlots(threshold ? threshold : slots_.numSlots());
+   });
 }
 
 template <typename Key, typename Value>
