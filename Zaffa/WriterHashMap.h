@@ -61,6 +61,7 @@ class WriterHashMap {
    struct Place {
       bool hit = false;
       U32 bucket = 0;
+      U32 rhash = 0;   // of the key looked for
       void* prevLink = nullptr;
       U32 slot = noSlot;
    };
@@ -89,6 +90,10 @@ class WriterHashMap {
       U32 const mask = numBuckets_ - 1;
       place.bucket = h & mask;
       U32 const rhash = Jorro::Util::reverse(h);
+      place.rhash = rhash;
+      // A slot is in the right chain when its hash modulo numBuckets is the
+      // bucket: in reversed form, when its top bits are those of rhash.
+      U32 const rmask = Jorro::Util::reverse(mask);
       void* prev = buckets_.head(place.bucket);
       U32 const capacity = slots_.numSlots();
       for (U32 steps = 0;; ++steps) {
@@ -102,7 +107,7 @@ class WriterHashMap {
          RawSlot slot = slots_.slot(s);
          if (!(slot.seq() & seqOccupied)) Jorro::throwCorruption("slot: {} not marked as occupied", s);
          U32 r = slot.rhash();
-         if ((Jorro::Util::reverse(r) & mask) != place.bucket) {
+         if (((r ^ rhash) & rmask) != 0) {
             Jorro::throwCorruption("corrupt key detected, slot: {}", s);
          }
          if (r > rhash) break;
@@ -138,6 +143,9 @@ class WriterHashMap {
       ZAFFA_LOG(5, "growing from: {} to: {}", n, n2);
       buckets_.reserve(n2);
       cut_.assign(n, nullptr);
+      // A slot moves to bucket i + n when its hash has bit n set, which in
+      // the reversed hash is the bit below those that all of chain i shares.
+      U32 const moves = Jorro::Util::reverse(n);
       for (U32 i = 0; i < n; ++i) {
          // Each chain's first slot is a cache miss of its own; asking for
          // the one some buckets ahead lets those misses overlap.
@@ -146,7 +154,7 @@ class WriterHashMap {
          U32 mover = noSlot;
          for (SlotLink link = loadLink(prev); !link.endOfChain(); link = loadLink(prev)) {
             RawSlot slot = slots_.slot(link.next);
-            if ((Jorro::Util::reverse(slot.rhash()) & (n2 - 1)) != i) {
+            if (slot.rhash() & moves) {
                mover = link.next;
                break;
             }

@@ -506,7 +506,7 @@ Value const* ZaffaWriter<Key, Value>::write(Value const& value, bool overwrite) 
       // alloc may grow the slot file; the mapping does not move, so prevLink
       // stays valid.
       U32 numSlotsBefore = slots_.numSlots();
-      U32 s = slots_.alloc(Jorro::Util::reverse(h));
+      U32 s = slots_.alloc(place.rhash);
       if (slots_.numSlots() != numSlotsBefore) afterSlotGrow();
       RawSlot slot = slots_.slot(s);
       SlotLink own = loadLink(slot.link());
@@ -584,7 +584,7 @@ Value* ZaffaWriter<Key, Value>::directWrite(Key const& key) {
       directNew_ = false;
    } else {
       U32 numSlotsBefore = slots_.numSlots();
-      s = slots_.alloc(Jorro::Util::reverse(h));
+      s = slots_.alloc(place.rhash);
       if (slots_.numSlots() != numSlotsBefore) afterSlotGrow();
       directNew_ = true;
    }
