@@ -12,6 +12,7 @@
 #include <map>
 #include <random>
 #include <set>
+#include <stdexcept>
 #include <poll.h>
 #include <sys/wait.h>
 
@@ -120,21 +121,34 @@ TEST(ZaffaReader, NextFromAKeyThatIsGoneTakesTheSlowPath) {
    EXPECT_EQ(hint.toString().rfind("IterHint{ version ", 0), 0u) << hint.toString();
 }
 
-TEST(ZaffaReader, OverwriteInProgressIsReadFromTheLookasideSlot) {
+// A table holding key 5 with stamp 1, a reader attached to it, and where
+// the writer keeps the key: for tests that play the writer by hand.
+struct OneKeyTable {
    TempDir dir;
-   Writer w(config(dir.path()));
-   w.attach();
-   w.write(TestValue::of(5, 1), true);
+   Writer w{config(dir.path())};
    Reader r{Mem::RootPath(dir.path())};
-   std::string message;
-   ASSERT_TRUE(r.attach(message)) << message;
+   Writer::Map::Place place;
+
+   OneKeyTable() {
+      w.attach();
+      w.write(TestValue::of(5, 1), true);
+      std::string message;
+      if (!r.attach(message)) throw std::runtime_error("reader attach: " + message);
+      U32 const seed = w.slotTable().header()->hashSeed;
+      place = w.hashMap().find(TestKey::of(5), Writer::Map::hashOf(TestKey::of(5), seed));
+      if (!place.hit) throw std::runtime_error("key 5 not found by the writer");
+   }
+};
+
+TEST(ZaffaReader, OverwriteInProgressIsReadFromTheLookasideSlot) {
+   OneKeyTable t;
+   Writer& w = t.w;
+   Reader& r = t.r;
 
    // Stop an overwrite half way, as the writer leaves it between raising
    // LOOKASIDE and finishing the copy: new value in the lookaside slot, the
    // slot itself half written.
-   auto place = w.hashMap().find(TestKey::of(5), Writer::Map::hashOf(TestKey::of(5), w.slotTable().header()->hashSeed));
-   ASSERT_TRUE(place.hit);
-   Zaffa::RawSlot slot = w.slotTable().slot(place.slot);
+   Zaffa::RawSlot slot = w.slotTable().slot(t.place.slot);
    Zaffa::RawSlot look = w.slotTable().lookaside();
    TestValue newer = TestValue::of(5, 2);
    look.rhashIs(slot.rhash());
@@ -279,16 +293,10 @@ TEST(ZaffaReader, AttachNeedsTheWritersFilesOfOneGenerationAndType) {
 // does between the key and the value must send the read round again, and
 // what comes back (decision, key, value) must be one version of the slot.
 TEST(ZaffaReader, SlotReadDecidesAndCopiesWithinOneVersionOfTheSlot) {
-   TempDir dir;
-   Writer w(config(dir.path()));
-   w.attach();
-   w.write(TestValue::of(5, 1), true);
-   Reader r{Mem::RootPath(dir.path())};
-   std::string message;
-   ASSERT_TRUE(r.attach(message)) << message;
-   U32 const seed = w.slotTable().header()->hashSeed;
-   auto const place = w.hashMap().find(TestKey::of(5), Writer::Map::hashOf(TestKey::of(5), seed));
-   ASSERT_TRUE(place.hit);
+   OneKeyTable t;
+   Writer& w = t.w;
+   Reader& r = t.r;
+   auto const& place = t.place;
    Zaffa::RawSlot slot = w.slotTable().slot(place.slot);
    Zaffa::SlotReaderTable& slots = r.slots();
    auto const keyOffset = offsetof(TestValue, key);
@@ -331,7 +339,7 @@ TEST(ZaffaReader, SlotReadDecidesAndCopiesWithinOneVersionOfTheSlot) {
          }
          return k == TestKey::of(5);
       });
-      ASSERT_EQ(w.hashMap().find(TestKey::of(6), Writer::Map::hashOf(TestKey::of(6), seed)).slot, place.slot)
+      ASSERT_EQ(w.hashMap().find(TestKey::of(6), Writer::Map::hashOf(TestKey::of(6), w.slotTable().header()->hashSeed)).slot, place.slot)
          << "the freed slot was expected to be the next one given out";
       EXPECT_EQ(calls, 2);
       EXPECT_FALSE(got.copied);
