@@ -28,11 +28,20 @@ bool SlotReaderTable::attach(std::string const& path, U32 wantedFenix, U32 value
    // The size was taken when the file was opened, the header's numSlots is
    // read now: a writer that grew the table in between (it extends the file
    // before it publishes the larger count, and never shortens it while it
-   // lives) makes the file look too short for its count. Only a fault that
-   // stays at a size that no longer changes belongs to the file.
-   for (std::size_t size = file_.size();; size = file_.size()) {
+   // lives) makes the file look too short for its count. A resize while the
+   // header is being checked does the same to the counters: numSlots, then
+   // freeSlots and occupiedSlots, are separate stores, so a reader can take
+   // the old count and a free-list head or occupancy that belongs to the new
+   // one. Only a fault that stays while neither the size nor numSlots moves
+   // belongs to the file.
+   for (int changes = 0;; ++changes) {
+      std::size_t const size = file_.size();
+      Mem::VerU32 const before = Mem::loadVerU32(&h->numSlots);
       if (h->validate(false, size, wantedFenix, message)) break;
-      if (file_.refreshSize() == size) {
+      Mem::VerU32 const after = Mem::loadVerU32(&h->numSlots);
+      bool const resized = before.version != after.version || before.value != after.value;
+      bool const grown = file_.refreshSize() != size;
+      if ((!resized && !grown) || changes == maxAttachRetries) {
          detach();
          return false;
       }

@@ -162,6 +162,9 @@ class SlotReaderTable {
    Reader::Counters const& counters() const { return counters_; }
 
  private:
+   // How many times attach looks again at a header that a resizing writer
+   // changed under it, before it reports what it saw.
+   static constexpr int maxAttachRetries = 1000;
    [[noreturn]] void throwOutOfRange(U32 slot) const;
 
    Mem::MappedFile file_;
