@@ -27,14 +27,16 @@ bool exists(std::string const& path) {
    return ::lstat(path.c_str(), &st) == 0;
 }
 
-// Every write of the fenix file renames a newly created file into place, so
-// a new inode (with a new change time) marks each write.
+// Every write of the fenix file renames a newly created file into place, and
+// the new file exists before the old one goes, so each write has an inode
+// number other than the one it replaces. The change time is no mark: a stat
+// that races with the next write (or an unlink) can see the replaced inode
+// with the change time that its removal gave it, and would look like a write
+// of its own.
 ReaderSentry::FenixWrite fenixWriteOf(std::string const& path) {
    struct stat st;
    if (::stat(path.c_str(), &st) != 0) return {};
-   return ReaderSentry::FenixWrite{static_cast<U64>(st.st_dev), static_cast<U64>(st.st_ino),
-                                   static_cast<U64>(st.st_ctim.tv_sec) * 1000000000ull +
-                                      static_cast<U64>(st.st_ctim.tv_nsec)};
+   return ReaderSentry::FenixWrite{static_cast<U64>(st.st_dev), static_cast<U64>(st.st_ino)};
 }
 
 } // namespace

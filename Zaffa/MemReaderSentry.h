@@ -95,7 +95,6 @@ class ReaderSentry {
    struct FenixWrite {
       U64 device = 0;
       U64 inode = 0;
-      U64 changeNanoseconds = 0;
       bool operator==(FenixWrite const&) const = default;
    };
 
