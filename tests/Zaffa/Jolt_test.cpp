@@ -209,6 +209,19 @@ struct ChildReply {
    U64 appeared = 0;
    U64 gone = 0;
    U32 ok = 0;
+   // The sentry's reports in order, for the failure message: 'A' appeared
+   // and 'G' gone, each with the generation it named.
+   U32 reports = 0;
+   struct Report {
+      char event = 0;
+      U32 fenix = 0;
+   } report[8];
+
+   std::string history() const {
+      std::string text;
+      for (U32 i = 0; i < reports && i < 8; ++i) text += fmt::format(" {}:{:#x}", report[i].event, report[i].fenix);
+      return text;
+   }
 };
 
 U64 digestOf(std::map<U64, TestValue> const& model) {
@@ -237,7 +250,10 @@ bool writeAll(int fd, void const* p, std::size_t n) { return ::write(fd, p, n) =
 [[noreturn]] void shadowChild(std::string const& root, int cmdFd, int replyFd) {
    ShadowOwner r(root, "childShadow");
    ChildReply reply;
-   Mem::ReaderSentry sentry(Mem::RootPath(root), [&](Mem::ReaderSentry::Event e, SharedMem::FenixId) {
+   Mem::ReaderSentry sentry(Mem::RootPath(root), [&](Mem::ReaderSentry::Event e, SharedMem::FenixId fenix) {
+      if (e != Mem::ReaderSentry::Event::contactAppeared && reply.reports < 8) {
+         reply.report[reply.reports++] = {e == Mem::ReaderSentry::Event::writerAppeared ? 'A' : 'G', fenix.value};
+      }
       switch (e) {
       case Mem::ReaderSentry::Event::writerAppeared:
          ++reply.appeared;
@@ -339,6 +355,7 @@ TEST(Jolt, ShadowInAChildProcessFollowsItsWriterByWakeUpsAndSentryAlone) {
 
    std::map<U64, TestValue> model;
    U32 const batches = 6;
+   U32 firstFenix = 0;
    {
       Writer w(config(root, 16, 256));
       w.attach();
@@ -376,9 +393,10 @@ TEST(Jolt, ShadowInAChildProcessFollowsItsWriterByWakeUpsAndSentryAlone) {
          checkpoint(wj, b, model);
       }
       EXPECT_EQ(reply.fenix, w.fenixId().value);
+      firstFenix = w.fenixId().value;
       EXPECT_EQ(wj.counters().wakeupsSent, batches) << "one wake-up per batch of ~47 changes";
       EXPECT_EQ(reply.wakeups, batches);
-      EXPECT_EQ(reply.appeared, 1u);
+      EXPECT_EQ(reply.appeared, 1u) << "sentry reports:" << reply.history();
       // The writer goes with its files.
       w.cleanup();
    }
@@ -394,8 +412,9 @@ TEST(Jolt, ShadowInAChildProcessFollowsItsWriterByWakeUpsAndSentryAlone) {
    EXPECT_EQ(reply.fenix, w2.fenixId().value);
    // Whether the closed connection or the removed files told the child
    // first depends on when it ran; the new generation is reported either way.
-   EXPECT_EQ(reply.appeared, 2u);
-   EXPECT_LE(reply.gone, 1u);
+   EXPECT_EQ(reply.appeared, 2u) << "sentry reports:" << reply.history() << " writers: "
+                                 << SharedMem::FenixId{firstFenix}.toString() << " then " << w2.fenixId().toString();
+   EXPECT_LE(reply.gone, 1u) << "sentry reports:" << reply.history();
 
    Checkpoint done;
    ASSERT_TRUE(writeAll(cmd[1], &done, sizeof done));
