@@ -20,7 +20,7 @@
 // Invariants:
 //  1. A PortSpec built through the factories or parse has the number of ports
 //     its operator takes: none for any, at least one for eq and neq, one for
-//     lt and gt, two for range. Specs that match no port at all (lt 0,
+//     lt and gt, two for range. Port lists that match no port at all (lt 0,
 //     gt 65535, range 9 8) can be built; portSpecToRanges refuses them.
 
 #include <initializer_list>

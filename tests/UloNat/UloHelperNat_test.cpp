@@ -462,7 +462,7 @@ TEST(UloHelperNatTrap, ProtocolFiltersExpandIntoPortValueAndMaskPairs) {
    EXPECT_TRUE(h->addProtocolTrapRules("dyn", rule, two));
    EXPECT_EQ(h->calls, (std::vector<std::string>{"proto 2 20/ffff 6/fffe", "proto 2 22/ffff 6/fffe"}));
 
-   // A specification that cannot become ranges ends at once, with true.
+   // A port list that cannot become ranges ends at once, with true.
    h->calls.clear();
    NatTrapFilter const none(3, any, any, false, false, 0, 0, 6, Acl::PortSpec::ltPort(0));
    EXPECT_TRUE(h->addProtocolTrapRules("dyn", rule, none));
