@@ -9,8 +9,9 @@
 // measured with write() and, on a second table, with direct mode, which fills
 // the value in place.
 //
-// Each benchmark runs three times (--benchmark_repetitions=N to change) and
-// the tables give the median of each phase. Besides the CPU time per
+// Each benchmark runs five times, the runs of all three shuffled together
+// (--benchmark_repetitions=N and --benchmark_enable_random_interleaving=false
+// to change), and the tables give the median of each phase. Besides the CPU time per
 // operation they give the part of it spent in the kernel (sampled by the
 // kernel's accounting, so approximate): for inserts into fresh memory that
 // is mostly the cost of providing pages, which no user-space change avoids.
@@ -370,13 +371,18 @@ void printRatios() {
 } // namespace
 
 int main(int argc, char** argv) {
-   // Three runs of each benchmark unless asked otherwise: the ratios come
-   // from medians, which one slow neighbour on the machine does not move.
+   // Five runs of each benchmark, in a shuffled order, unless asked
+   // otherwise: the ratios come from medians, and shuffling spreads a slow
+   // spell of a shared machine over all three systems instead of over
+   // whichever one happened to be running.
    std::vector<char*> args(argv, argv + argc);
-   bool repetitionsGiven = false;
-   for (char* a : args) repetitionsGiven |= std::string(a).rfind("--benchmark_repetitions", 0) == 0;
-   std::string threeRuns = "--benchmark_repetitions=3";
-   if (!repetitionsGiven) args.push_back(threeRuns.data());
+   auto given = [&](char const* flag) {
+      return std::any_of(args.begin(), args.end(), [&](char* a) { return std::string(a).rfind(flag, 0) == 0; });
+   };
+   std::string runs = "--benchmark_repetitions=5";
+   std::string shuffled = "--benchmark_enable_random_interleaving=true";
+   if (!given("--benchmark_repetitions")) args.push_back(runs.data());
+   if (!given("--benchmark_enable_random_interleaving")) args.push_back(shuffled.data());
    int n = static_cast<int>(args.size());
    args.push_back(nullptr);
    argc = n;
