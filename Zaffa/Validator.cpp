@@ -153,7 +153,10 @@ void ValidatorCore::walkCorral() {
 
 void ValidatorCore::checkOccupiedNotifications() {
    Trevine::TrevineView const& q = view_.trevine;
-   U32 const size = q.size();
+   // The queue as walkCorral() saw and marked it. A tool that validates a
+   // table while its writer runs may find the queue longer by now; what was
+   // appended since is not looked at.
+   U32 const size = static_cast<U32>(posMarks_.size());
    for (U32 s = 0; s < numSlots_; ++s) {
       if (!(view_.slots.slot(s).seq() & seqOccupied)) continue;
       U32 pos = q.slotPos()[s];
