@@ -4,8 +4,14 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
+#include <sstream>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -57,6 +63,30 @@ bool WriterLock::ownerIsAlive() const {
 
 bool WriterLock::ownerIsMe() const {
    return fd_ >= 0 && ownerPid() == static_cast<Vor::U32>(::getpid());
+}
+
+Vor::U32 WriterLock::holderPid() const {
+   struct stat st;
+   if (::stat(path_.c_str(), &st) != 0) return 0;
+   // Lines read "1: FLOCK  ADVISORY  WRITE 4711 fe:00:11174115 0 EOF": the
+   // holder's pid, then the device (major and minor in hex) and inode of the
+   // locked file. A waiting request adds "->" after the number and is not a
+   // holder.
+   std::ifstream locks("/proc/locks");
+   std::string line;
+   while (std::getline(locks, line)) {
+      std::istringstream in(line);
+      std::string number, kind, mode, access, pid, file;
+      if (!(in >> number >> kind) || kind != "FLOCK") continue;
+      if (!(in >> mode >> access >> pid >> file) || access != "WRITE") continue;
+      unsigned major = 0, minor = 0;
+      unsigned long inode = 0;
+      if (std::sscanf(file.c_str(), "%x:%x:%lu", &major, &minor, &inode) != 3) continue;
+      if (major == ::major(st.st_dev) && minor == ::minor(st.st_dev) && inode == st.st_ino) {
+         return static_cast<Vor::U32>(std::strtoul(pid.c_str(), nullptr, 10));
+      }
+   }
+   return 0;
 }
 
 } // namespace Mem

@@ -33,6 +33,12 @@ class WriterLock {
    // True when the last recorded holder is a running process.
    bool ownerIsAlive() const;
    bool ownerIsMe() const;
+   // The process holding the lock now, as the kernel's lock table has it;
+   // 0 when nobody holds it. Unlike ownerIsAlive() it cannot be fooled by a
+   // reused process id, and unlike a trial lock it never makes a writer that
+   // starts at the same moment fail. Also 0 when the lock table cannot be
+   // read (no /proc).
+   Vor::U32 holderPid() const;
    bool held() const { return fd_ >= 0; }
 
  private:

@@ -2,15 +2,19 @@
 // it leaves just-extended memory as it is: what a growth adds reads as
 // zeros from zeroFrom() on, and a growth that the file system cannot back
 // fails cleanly instead of leaving pages that raise SIGBUS when touched.
+// And the writer lock's answer to who holds it now, which tools rely on.
 
 #include "Zaffa/Mem.h"
+#include "Zaffa/MemWriterLock.h"
 #include "tests/Zaffa/ZaffaTestTypes.h"
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstring>
+#include <csignal>
 #include <sys/mount.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -88,4 +92,40 @@ TEST(MemMappedFile, GrowthBeyondAFullFileSystemFailsAndKeepsTheSize) {
       std::memset(f.base(), 0x22, 512 * 1024);
    }
    ::umount2(mnt.c_str(), MNT_DETACH);
+}
+
+TEST(MemWriterLock, HolderIsTheProcessThatHoldsTheLockNotTheLastOneRecorded) {
+   ZaffaTest::TempDir dir;
+   std::string const path = dir.file("writer");
+   Mem::WriterLock probe(path);
+   EXPECT_EQ(probe.holderPid(), 0u) << "no lock file yet";
+   {
+      Mem::WriterLock mine(path);
+      mine.acquireWriterLock();
+      EXPECT_EQ(probe.holderPid(), static_cast<Vor::U32>(::getpid()));
+   }
+   EXPECT_EQ(probe.holderPid(), 0u) << "released";
+   EXPECT_EQ(probe.ownerPid(), static_cast<Vor::U32>(::getpid())) << "the record stays";
+
+   int ready[2];
+   ASSERT_EQ(::pipe(ready), 0);
+   pid_t child = ::fork();
+   ASSERT_GE(child, 0);
+   if (child == 0) {
+      Mem::WriterLock lock(path);
+      lock.acquireWriterLock();
+      char c = 1;
+      (void)!::write(ready[1], &c, 1);
+      ::pause();
+      ::_exit(0);
+   }
+   char c;
+   ASSERT_EQ(::read(ready[0], &c, 1), 1);
+   EXPECT_EQ(probe.holderPid(), static_cast<Vor::U32>(child));
+   ::kill(child, SIGKILL);
+   ::waitpid(child, nullptr, 0);
+   EXPECT_EQ(probe.holderPid(), 0u) << "the kernel dropped a dead holder's lock";
+   EXPECT_EQ(probe.ownerPid(), static_cast<Vor::U32>(child));
+   ::close(ready[0]);
+   ::close(ready[1]);
 }

@@ -1,15 +1,23 @@
 // zaffa-tool: inspect a shared-memory table without changing it.
 //
 //   zaffa-tool info DIR          headers of all files, counts, generation,
-//                                whether an operation was interrupted
+//                                whether the writer runs, whether an
+//                                operation was interrupted
 //   zaffa-tool validate DIR      the attach-time validator, read-only;
 //                                exit 0 when the table is valid, 1 when not
 //   zaffa-tool dump DIR [--json] every entry as text (or JSON)
 //
 // The files are mapped read-only; nothing is ever repaired. Exit 2 for a
 // directory that is missing, unreadable or does not hold a table.
+//
+// A table whose writer runs may change while it is read. What looks broken
+// then is believed only if the table stood still over the whole reading
+// (no operation in progress, no change counted); otherwise the tool reads
+// again, and after a bounded number of tries it says that it could not get
+// a still table and exits 3.
 
 #include "UloNat/UloNatAsyncTypes.h"
+#include "Zaffa/MemWriterLock.h"
 #include "Zaffa/SharedMemFenixFile.h"
 #include "Zaffa/SharedMemOwnerFile.h"
 #include "Zaffa/Validator.h"
@@ -19,10 +27,12 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
 #include <optional>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -34,6 +44,29 @@ class UsageError : public std::runtime_error {
  public:
    using std::runtime_error::runtime_error;
 };
+
+// How often, and for how long at most, a reading that a running writer
+// disturbed is tried again.
+constexpr int maxTries = 50;
+constexpr auto triesFor = std::chrono::seconds(10);
+constexpr auto betweenTries = std::chrono::milliseconds(10);
+constexpr int exitUnsettled = 3;
+
+// One moment of the table as its writer marks it: each changing operation
+// sets a runtime flag while it runs and counts its change in the queue;
+// resizes raise the versions of the slot and bucket counts.
+struct Stamp {
+   bool inOperation = false;
+   U64 writerSeq = 0;
+   U32 slotsVersion = 0;
+   U32 bucketsVersion = 0;
+   bool operator==(Stamp const&) const = default;
+};
+
+// True when nothing changed between the two stamps.
+bool stoodStill(Stamp const& before, Stamp const& after) {
+   return before == after && !before.inOperation;
+}
 
 // The files of one table, mapped read-only.
 class Table {
@@ -66,6 +99,36 @@ class Table {
    Trevine::TrevineView trevine() const { return Trevine::TrevineView(trevineFile_.base()); }
    std::optional<SharedMem::FenixId> fenix() const { return fenix_; }
    Mem::RootPath const& root() const { return root_; }
+   // The process that holds the writer lock now; 0 when no writer runs.
+   U32 writerPid() const { return Mem::WriterLock(root_.file(Zaffa::FileNames::writerLock)).holderPid(); }
+
+   Stamp stamp() const {
+      Stamp st;
+      st.inOperation = (__atomic_load_n(&header()->runtimeFlags, __ATOMIC_ACQUIRE) &
+                        Zaffa::runtimeFlagInOperation) != 0;
+      st.slotsVersion = Mem::loadVerU32(&header()->numSlots).version;
+      if (hasTrevine()) st.writerSeq = Mem::load64(&trevine().header()->writerSeq);
+      if (hasBuckets()) st.bucketsVersion = buckets().numBuckets().version;
+      return st;
+   }
+
+   // Takes in what a running writer changed since the files were opened:
+   // their lengths and the generation.
+   void refresh() {
+      slotFile_.refreshSize();
+      bucketFile_.refreshSize();
+      trevineFile_.refreshSize();
+      fenix_ = SharedMem::FenixFile(root_.file(Zaffa::FileNames::fenix)).read();
+   }
+
+   // Slots that lie inside the slot file as it is now: a chain link beyond
+   // them is broken, and must not be followed into unbacked memory.
+   U32 slotsInFile() const {
+      U64 const slotSize = header()->slotSize;
+      U64 const first = header()->headerBytes();   // the header, then the lookaside slot
+      if (slotSize == 0 || slotFile_.size() < first) return 0;
+      return static_cast<U32>(std::min<U64>((slotFile_.size() - first) / slotSize, header()->numSlotsValue()));
+   }
    bool shadowEntries() const { return std::string_view(header()->valueType) == "Ulo::NatHwShadowEntry"; }
 
    Zaffa::TableView view() const {
@@ -137,26 +200,48 @@ int info(Table const& t) {
    std::printf("members: %u\ncapacity: %u\nmostSlots: %u\nmaxSlots: %u\n", h->occupiedSlots,
                h->numSlotsValue(), h->mostSlots, h->maxSlots);
    std::printf("generation: %u (pid half %u)\n", id.generation(), id.pid());
-   std::printf("interrupted: %s\n", (h->runtimeFlags & Zaffa::runtimeFlagInOperation) ? "yes" : "no");
+   // The in-operation flag means an interrupted operation only when no
+   // writer is left to finish it.
+   U32 const writer = t.writerPid();
+   bool const flagged = t.stamp().inOperation;
+   std::printf("writer: %s\n", writer ? fmt::format("running, pid {}", writer).c_str() : "not running");
+   std::printf("interrupted: %s\n", !flagged ? "no" : writer ? "no (an operation is in progress)" : "yes");
    std::string marker = Zaffa::Util::readCorruptionMarker(t.root());
    std::printf("corruption-detected: %s\n", marker.empty() ? "no" : marker.c_str());
    return 0;
 }
 
-int validate(Table const& t) {
+int validate(Table& t) {
    if (!t.hasBuckets() || !t.hasTrevine()) {
       std::printf("invalid: %s\n", !t.hasBuckets() ? "bucket file missing" : "trevine file missing");
       return 1;
    }
-   Zaffa::ValidatorCore validator(t.view());
-   U32 wanted = t.fenix() ? t.fenix()->value : 0;
-   if (!validator.validate(wanted)) {
-      std::printf("invalid: %s\n", validator.message().c_str());
-      return 1;
+   U32 const writer = t.writerPid();
+   auto const until = std::chrono::steady_clock::now() + triesFor;
+   int tries = 0;
+   for (;;) {
+      ++tries;
+      t.refresh();
+      Stamp const before = t.stamp();
+      Zaffa::ValidatorCore validator(t.view());
+      bool const valid = validator.validate(t.fenix() ? t.fenix()->value : 0);
+      Stamp const after = t.stamp();
+      if (valid) {
+         std::printf("valid: %u occupied, %u free slots%s\n", validator.occupiedSeen(), validator.freeSeen(),
+                     t.shadowEntries() ? "" : " (keys checked by rhash only: unknown value type)");
+         return 0;
+      }
+      // With no writer, or with a writer that stood still, the fault is real.
+      if (!writer || stoodStill(before, after)) {
+         std::printf("invalid: %s\n", validator.message().c_str());
+         return 1;
+      }
+      if (tries >= maxTries || std::chrono::steady_clock::now() >= until) break;
+      std::this_thread::sleep_for(betweenTries);
    }
-   std::printf("valid: %u occupied, %u free slots%s\n", validator.occupiedSeen(), validator.freeSeen(),
-               t.shadowEntries() ? "" : " (keys checked by rhash only: unknown value type)");
-   return 0;
+   std::printf("no verdict: the table changed during each of %d tries to validate it (writer pid %u is running)\n",
+               tries, writer);
+   return exitUnsettled;
 }
 
 std::string hex(char const* p, std::size_t n) {
@@ -165,48 +250,93 @@ std::string hex(char const* p, std::size_t n) {
    return s;
 }
 
-int dump(Table const& t, bool json) {
-   if (!t.hasBuckets()) throw UsageError(fmt::format("{}: bucket file missing", t.root().dir()));
-   U32 const numBuckets = t.buckets().numBuckets().value;
-   U32 const numSlots = t.header()->numSlotsValue();
-   nlohmann::json entries = nlohmann::json::array();
+struct Entry {
+   U32 slot;
+   U32 rhash;
+   bool stable;
+   std::string key;
+   std::string text;
+};
+
+// The entries of one chain, in chain order. False when the chain is broken
+// (a link out of the slot file, or a cycle), with the slot in `brokenAt`.
+bool readChain(Table const& t, U32 bucket, std::vector<Entry>& out, U32& brokenAt) {
+   out.clear();
+   U32 const numSlots = t.slotsInFile();
    std::vector<char> value;
+   U32 steps = 0;
+   for (Zaffa::SlotLink l = Zaffa::loadLink(t.buckets().head(bucket)); !l.endOfChain();
+        l = Zaffa::loadLink(t.slots().slot(l.next).link())) {
+      if (l.next >= numSlots || ++steps > numSlots) {
+         brokenAt = l.next;
+         return false;
+      }
+      Entry e{l.next, 0, false, {}, {}};
+      e.stable = t.readSlot(l.next, value, e.rhash);
+      if (t.shadowEntries()) {
+         auto const* v = reinterpret_cast<Ulo::NatHwShadowEntry const*>(value.data());
+         e.key = v->key().stringValue();
+         e.text = v->stringValue();
+      } else {
+         e.key = hex(value.data(), std::min<std::size_t>(value.size(), 40));
+         e.text = hex(value.data(), value.size());
+      }
+      out.push_back(std::move(e));
+   }
+   return true;
+}
+
+int dump(Table& t, bool json) {
+   if (!t.hasBuckets()) throw UsageError(fmt::format("{}: bucket file missing", t.root().dir()));
+   U32 const writer = t.writerPid();
+   Stamp const start = t.stamp();
+   U32 const numBuckets = t.buckets().numBuckets().value;
+   nlohmann::json entries = nlohmann::json::array();
+   std::vector<Entry> chain;
    U64 count = 0;
    for (U32 b = 0; b < numBuckets; ++b) {
-      U32 steps = 0;
-      for (Zaffa::SlotLink l = Zaffa::loadLink(t.buckets().head(b)); !l.endOfChain();
-           l = Zaffa::loadLink(t.slots().slot(l.next).link())) {
-         if (l.next >= numSlots || ++steps > numSlots) {
-            std::fprintf(stderr, "zaffa-tool: bucket %u: broken chain at slot %u\n", b, l.next);
+      // A chain that a running writer is changing may look broken for a
+      // moment; read it again until it reads whole or the table stood still.
+      for (int tries = 1;; ++tries) {
+         t.refresh();
+         Stamp const before = t.stamp();
+         U32 brokenAt = 0;
+         if (readChain(t, b, chain, brokenAt)) break;
+         if (!writer || stoodStill(before, t.stamp())) {
+            std::fprintf(stderr, "zaffa-tool: bucket %u: broken chain at slot %u\n", b, brokenAt);
             return 1;
          }
-         U32 rhash;
-         bool stable = t.readSlot(l.next, value, rhash);
-         std::string key, text;
-         if (t.shadowEntries()) {
-            auto const* e = reinterpret_cast<Ulo::NatHwShadowEntry const*>(value.data());
-            key = e->key().stringValue();
-            text = e->stringValue();
-         } else {
-            key = hex(value.data(), std::min<std::size_t>(value.size(), 40));
-            text = hex(value.data(), value.size());
+         if (tries >= maxTries) {
+            std::fprintf(stderr, "zaffa-tool: bucket %u: the chain changed during each of %d tries to read it "
+                                 "(writer pid %u is running)\n", b, tries, writer);
+            return exitUnsettled;
          }
+         std::this_thread::sleep_for(betweenTries);
+      }
+      for (Entry const& e : chain) {
          if (json) {
-            entries.push_back({{"slot", l.next}, {"bucket", b}, {"rhash", rhash}, {"stable", stable},
-                               {"key", key}, {"value", text}});
+            entries.push_back({{"slot", e.slot}, {"bucket", b}, {"rhash", e.rhash}, {"stable", e.stable},
+                               {"key", e.key}, {"value", e.text}});
          } else {
-            std::printf("slot:%u bucket:%u rhash:%#x%s key:%s value:%s\n", l.next, b, rhash,
-                        stable ? "" : " (unstable)", key.c_str(), text.c_str());
+            std::printf("slot:%u bucket:%u rhash:%#x%s key:%s value:%s\n", e.slot, b, e.rhash,
+                        e.stable ? "" : " (unstable)", e.key.c_str(), e.text.c_str());
          }
          ++count;
       }
    }
+   // Entries that moved between chains while they were read may be missing
+   // or appear twice; say so rather than pass the dump off as a snapshot.
+   bool const snapshot = !writer || stoodStill(start, t.stamp());
    if (json) {
       nlohmann::json doc = {{"table", t.root().dir()}, {"valueType", t.header()->valueType},
-                            {"members", t.header()->occupiedSlots}, {"entries", entries}};
+                            {"members", t.header()->occupiedSlots}, {"snapshot", snapshot},
+                            {"entries", entries}};
       std::printf("%s\n", doc.dump(2).c_str());
    } else {
       std::printf("entries: %llu\n", static_cast<unsigned long long>(count));
+      if (!snapshot) {
+         std::printf("not a snapshot: the writer (pid %u) changed the table during the dump\n", writer);
+      }
    }
    return 0;
 }
