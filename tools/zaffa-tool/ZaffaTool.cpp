@@ -28,11 +28,13 @@
 #include <nlohmann/json.hpp>
 
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
 #include <optional>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -341,9 +343,20 @@ int dump(Table& t, bool json) {
    return 0;
 }
 
+// A writer that re-formats or removes its table cuts the files short, and a
+// read of a mapped page past the new end raises SIGBUS. Say what happened
+// instead of dying of a bus error.
+void onBusError(int) {
+   static char const text[] = "zaffa-tool: a table file was cut short while it was read "
+                              "(its writer re-formatted or removed the table); run again\n";
+   (void)!::write(STDERR_FILENO, text, sizeof text - 1);
+   ::_exit(exitUnsettled);
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
+   std::signal(SIGBUS, onBusError);
    CLI::App app{"Inspect a Zaffa shared-memory table (read-only)"};
    app.require_subcommand(1);
    std::string dir;
