@@ -186,6 +186,26 @@ class Table {
    std::optional<SharedMem::FenixId> fenix_;
 };
 
+// What came of reading a table that its writer may be changing.
+enum class Reading { whole, broken, unsettled };
+
+// Runs `read` (true when what it read was whole) until it reads whole. A
+// failed read is a real fault when no writer runs, or when the table stood
+// still over it; otherwise it is tried again, with the file lengths read
+// anew, up to maxTries times within triesFor. `tries` tells how many it took.
+template <typename Read>
+Reading readWhole(Table& t, U32 writer, int& tries, Read&& read) {
+   auto const until = std::chrono::steady_clock::now() + triesFor;
+   for (tries = 1;; ++tries) {
+      Stamp const before = t.stamp();
+      if (read()) return Reading::whole;
+      if (!writer || stoodStill(before, t.stamp())) return Reading::broken;
+      if (tries >= maxTries || std::chrono::steady_clock::now() >= until) return Reading::unsettled;
+      std::this_thread::sleep_for(betweenTries);
+      t.refresh();
+   }
+}
+
 int info(Table const& t) {
    auto const* h = t.header();
    std::printf("table: %s\n", t.root().dir().c_str());
@@ -219,27 +239,21 @@ int validate(Table& t) {
       return 1;
    }
    U32 const writer = t.writerPid();
-   auto const until = std::chrono::steady_clock::now() + triesFor;
+   std::optional<Zaffa::ValidatorCore> validator;
    int tries = 0;
-   for (;;) {
-      ++tries;
-      t.refresh();
-      Stamp const before = t.stamp();
-      Zaffa::ValidatorCore validator(t.view());
-      bool const valid = validator.validate(t.fenix() ? t.fenix()->value : 0);
-      Stamp const after = t.stamp();
-      if (valid) {
-         std::printf("valid: %u occupied, %u free slots%s\n", validator.occupiedSeen(), validator.freeSeen(),
-                     t.shadowEntries() ? "" : " (keys checked by rhash only: unknown value type)");
-         return 0;
-      }
-      // With no writer, or with a writer that stood still, the fault is real.
-      if (!writer || stoodStill(before, after)) {
-         std::printf("invalid: %s\n", validator.message().c_str());
-         return 1;
-      }
-      if (tries >= maxTries || std::chrono::steady_clock::now() >= until) break;
-      std::this_thread::sleep_for(betweenTries);
+   switch (readWhole(t, writer, tries, [&] {
+      validator.emplace(t.view());
+      return validator->validate(t.fenix() ? t.fenix()->value : 0);
+   })) {
+   case Reading::whole:
+      std::printf("valid: %u occupied, %u free slots%s\n", validator->occupiedSeen(), validator->freeSeen(),
+                  t.shadowEntries() ? "" : " (keys checked by rhash only: unknown value type)");
+      return 0;
+   case Reading::broken:
+      std::printf("invalid: %s\n", validator->message().c_str());
+      return 1;
+   case Reading::unsettled:
+      break;
    }
    std::printf("no verdict: the table changed during each of %d tries to validate it (writer pid %u is running)\n",
                tries, writer);
@@ -298,22 +312,18 @@ int dump(Table& t, bool json) {
    U64 count = 0;
    for (U32 b = 0; b < numBuckets; ++b) {
       // A chain that a running writer is changing may look broken for a
-      // moment; read it again until it reads whole or the table stood still.
-      for (int tries = 1;; ++tries) {
-         t.refresh();
-         Stamp const before = t.stamp();
-         U32 brokenAt = 0;
-         if (readChain(t, b, chain, brokenAt)) break;
-         if (!writer || stoodStill(before, t.stamp())) {
-            std::fprintf(stderr, "zaffa-tool: bucket %u: broken chain at slot %u\n", b, brokenAt);
-            return 1;
-         }
-         if (tries >= maxTries) {
-            std::fprintf(stderr, "zaffa-tool: bucket %u: the chain changed during each of %d tries to read it "
-                                 "(writer pid %u is running)\n", b, tries, writer);
-            return exitUnsettled;
-         }
-         std::this_thread::sleep_for(betweenTries);
+      // moment.
+      U32 brokenAt = 0;
+      int tries = 0;
+      Reading r = readWhole(t, writer, tries, [&] { return readChain(t, b, chain, brokenAt); });
+      if (r == Reading::broken) {
+         std::fprintf(stderr, "zaffa-tool: bucket %u: broken chain at slot %u\n", b, brokenAt);
+         return 1;
+      }
+      if (r == Reading::unsettled) {
+         std::fprintf(stderr, "zaffa-tool: bucket %u: the chain changed during each of %d tries to read it "
+                              "(writer pid %u is running)\n", b, tries, writer);
+         return exitUnsettled;
       }
       for (Entry const& e : chain) {
          if (json) {
