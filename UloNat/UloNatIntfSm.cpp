@@ -7,28 +7,11 @@
 #include <vector>
 
 #include "framework/UloAssert.h"
-#include "framework/VorEntityCollections.h"
-#include "framework/VorLog.h"
 #include "framework/VorTrace.h"
 
 VOR_TRACE_HANDLE("UloNatIntfSm");
 
 namespace Ulo {
-
-namespace {
-
-// The messages this file emits; each emitting source holds its own handle.
-Vor::LogHandle NAT_HW_RESOURCE_NORMAL = natHwResourceNormalLogHandle();
-Vor::LogHandle NAT_HW_RESOURCE_FULL = natHwResourceFullLogHandle();
-
-} // namespace
-
-std::string TwiceNatWatchedAddr::stringValue() const {
-   return Vor::format("Value('Ulo::TwiceNatWatchedAddr', ** {'srcWatchedAddr': %s, "
-                      "'dstWatchedAddr': %s})",
-                      srcWatchedAddr.stringValue().c_str(), dstWatchedAddr.stringValue().c_str())
-      .stdString();
-}
 
 Vor::U16 intfProfileId(Lumet::IntfId const& intfId) {
    uloAssert(Lumet::NatIntfId::isNatProfileIntfId( intfId ));
@@ -88,10 +71,11 @@ NatIntfStatusSm::NatIntfStatusSm(
       taskScheduler_(taskScheduler),
       vrfId_(vrfId),
       multicastAdapter_(multicastAdapter),
+      natIntf_(intfStatus ? intfStatus->intfId() : Lumet::IntfId()),
       staticBacklogTask_(this, [this] { return std::make_unique<VorStaticBacklogTask>(this); }),
-      dynamicBacklogTask_(this, [this] { return std::make_unique<VorDynamicBacklogTask>(this); }) {
+      dynamicBacklogTask_(this, [this] { return std::make_unique<VorDynamicBacklogTask>(this); }),
+      unprogrammed_(natSmStatus, natSmStatusNotif, natIntf_) {
    intfStatus_.notifierIs(intfStatus);
-   if (intfStatus) natIntf_ = intfStatus->intfId();
    cleanupInProgress_ = false;
    connectionInitInProgress_ = true;
    // The trap-rule member reactors are made here once trap rules are handled
@@ -130,20 +114,6 @@ L3::VrfName NatIntfStatusSm::vrfName() const {
    return is ? is->vrfName() : L3::VrfName();
 }
 
-Ptr<StaticNatAddrInfo> NatIntfStatusSm::watchedAddrStaticKey(Lumet::IpAddr const& addr) const {
-   return Vor::memberValue(watchedAddrStaticKey_, addr);
-}
-
-Ptr<DeferredStaticNatConnectionHw> NatIntfStatusSm::deferredStaticNatConnectionHw(
-   Ip::Nat::StaticKey const& key) const {
-   return Vor::memberValue(deferredStaticNatConnectionHw_, key);
-}
-
-Ptr<DeferredTwiceNatConnectionHw> NatIntfStatusSm::deferredTwiceNatConnectionHw(
-   TwiceNatKey const& key) const {
-   return Vor::memberValue(deferredTwiceNatConnectionHw_, key);
-}
-
 Ptr<Ip::Nat::HwIntfStatus> NatIntfStatusSm::hwIntfStatus() const {
    return hwStatus_->intfStatus(natIntf_);
 }
@@ -162,6 +132,7 @@ void NatIntfStatusSm::handleInitialized() {
    if (!initialized()) return;
    vrfStatus_ = natSmStatus_->natSmStatusVrf(vrfId_);
    uloAssert(vrfStatus());
+   watchedAddrReferences_.bind(natSmStatus_, vrfStatus_, natIntf_, vrfId_);
 
    // The tasks exist before hardware is looked at, so an engine that waits
    // for hardware has them too.
@@ -256,13 +227,7 @@ void NatIntfStatusSm::doCleanup() {
    if (pendingCommit_) doProcessBacklogStatic();
    if (!deferredDynamicNat_.empty()) doProcessBacklogDynamic();
 
-   if (auto ue = natSmStatus_->unprogrammedEntries(natIntf_)) {
-      ue->staticEntriesDelAll();
-      ue->twiceEntriesDelAll();
-      ue->dynamicEntriesDelAll();
-      ue->trapAclsDelAll();
-      natSmStatus_->unprogrammedEntriesDel(natIntf_);
-   }
+   unprogrammed_.forgetAll();
 
    auto is = intfStatus();
    Vor::U16 const profile = is ? is->profileOrVlanId() : 0;
@@ -282,41 +247,6 @@ void NatIntfStatusSm::doCleanupConnections() {
    // Dynamic connections in hardware are taken out by the dynamic-NAT path
    // once the engine handles them.
    handleTwiceNatConnection();
-}
-
-// ---- unprogrammed bookkeeping ----
-
-void NatIntfStatusSm::addUnprogrammedEntry(NatType type, bool fullTable) {
-   auto ue = natSmStatus_->unprogrammedEntries(natIntf_);
-   if (!ue) {
-      ue = natSmStatus_->unprogrammedEntriesIs(natIntf_);
-      uloAssert(ue);
-   }
-   VOR_TRACE(7, natIntf_ << " addUnprogrammedEntry type: " << static_cast<int>(type)
-                         << " fullTable: " << fullTable);
-   if (fullTable && !natSmStatus_->fullTable()) {
-      VOR_TRACE(3, "First unprogrammed nat entry");
-      Vor::log(NAT_HW_RESOURCE_FULL);
-      natSmStatusNotif_->logsFullInc(1);
-      natSmStatus_->fullTableIs(true);
-   }
-   natSmStatusNotif_->kickUnprogrammedReviewInc(1);
-}
-
-void NatIntfStatusSm::checkUnprogrammedEntries() {
-   auto ue = natSmStatus_->unprogrammedEntries(natIntf_);
-   if (!ue) return;
-   if (ue->staticEntries().size() || ue->twiceEntries().size() || ue->dynamicEntries().size() ||
-       ue->trapAcls().size()) {
-      return;
-   }
-   natSmStatus_->unprogrammedEntriesDel(natIntf_);
-   if (natSmStatus_->fullTable() && natSmStatus_->unprogrammedEntries().size() == 0) {
-      VOR_TRACE(3, "All unprogrammed nat rules have been restored in hw");
-      Vor::log(NAT_HW_RESOURCE_NORMAL);
-      natSmStatusNotif_->logsNormalInc(1);
-      natSmStatus_->fullTableIs(false);
-   }
 }
 
 } // namespace Ulo

@@ -16,6 +16,19 @@
 //   UloNat/UloNatMulticastIntf.cpp    the multicast operations that the static
 //                                     path calls (engine without an adapter)
 //
+// The engine core, shared by every kind of connection (static, twice,
+// dynamic, trap rules), each in a header of its own:
+//   UloNat/UloNatWatchedAddrIndex.h   watched addresses, forward and reverse,
+//                                     with the VRF references and route
+//                                     requests they hold (one index per kind)
+//   UloNat/UloNatDeferredHwList.h     per-key work of a backlog, walked in key
+//                                     order across call-outs (one per kind)
+//   UloNat/UloNatUnprogrammedBook.h   the unprogrammed sets by NatType
+// A kind of connection instantiates these and keeps its Part of the engine
+// to the operations that are particular to it; the named operations
+// (addStaticKeyWatchedAddr, addDeferredStaticNatConnectionHw,
+// addUnprogrammedStaticEntry, ...) are thin faces over the core.
+//
 // Thread safety: none needed. Every handler and both backlog tasks run on the
 // agent's one scheduler thread, one at a time; nothing here is locked.
 //
@@ -34,15 +47,23 @@
 //     address.
 //  8. With pendingCommit() false and no backlog task at work, both deferred
 //     lists are empty.
+//  9. Every watched-address reference (NatSmStatusVrf::ipAddrIntfInfo and
+//     routeResolverRefCount, and the route request) that this engine holds
+//     belongs to exactly one configured connection in one of its indexes: a
+//     rule delivered again takes no second reference, a rule whose address
+//     changed gives the old one back first.
 
 #include <map>
 #include <memory>
 #include <set>
 
 #include "UloNat/UloHelperNat.h"
+#include "UloNat/UloNatDeferredHwList.h"
 #include "UloNat/UloNatMulticastAdapter.h"
 #include "UloNat/UloNatMulticastTransition.h"
 #include "UloNat/UloNatTypes.h"
+#include "UloNat/UloNatUnprogrammedBook.h"
+#include "UloNat/UloNatWatchedAddrIndex.h"
 #include "framework/DovTask.h"
 #include "framework/IpNatDynamicConnectionStatus.h"
 #include "framework/IpNatHwCapabilities.h"
@@ -53,61 +74,6 @@
 #include "framework/VorReactor.h"
 
 namespace Ulo {
-
-// The keys that watch one next-hop address, per kind of connection.
-class StaticNatAddrInfo : public Vor::PtrInterface {
- public:
-   explicit StaticNatAddrInfo(Lumet::IpAddr const& addr) : addr_(addr) {}
-   Lumet::IpAddr const& addr() const { return addr_; }
-   std::set<Ip::Nat::StaticKey> const& mappedAddr() const { return mappedAddr_; }
-   bool mappedAddrHas(Ip::Nat::StaticKey const& key) const { return mappedAddr_.count(key) != 0; }
-   void mappedAddrIs(Ip::Nat::StaticKey const& key) { mappedAddr_.insert(key); }
-   void mappedAddrDel(Ip::Nat::StaticKey const& key) { mappedAddr_.erase(key); }
-
- private:
-   Lumet::IpAddr addr_;
-   std::set<Ip::Nat::StaticKey> mappedAddr_;
-};
-
-class TwiceNatAddrInfo : public Vor::PtrInterface {
- public:
-   explicit TwiceNatAddrInfo(Lumet::IpAddr const& addr) : addr_(addr) {}
-   Lumet::IpAddr const& addr() const { return addr_; }
-   std::set<TwiceNatKey> const& mappedAddr() const { return mappedAddr_; }
-   void mappedAddrIs(TwiceNatKey const& key) { mappedAddr_.insert(key); }
-   void mappedAddrDel(TwiceNatKey const& key) { mappedAddr_.erase(key); }
-
- private:
-   Lumet::IpAddr addr_;
-   std::set<TwiceNatKey> mappedAddr_;
-};
-
-class DynamicNatAddrInfo : public Vor::PtrInterface {
- public:
-   explicit DynamicNatAddrInfo(Lumet::IpAddr const& addr) : addr_(addr) {}
-   Lumet::IpAddr const& addr() const { return addr_; }
-   std::set<Lumet::ConnTuple> const& mappedAddr() const { return mappedAddr_; }
-   void mappedAddrIs(Lumet::ConnTuple const& key) { mappedAddr_.insert(key); }
-   void mappedAddrDel(Lumet::ConnTuple const& key) { mappedAddr_.erase(key); }
-
- private:
-   Lumet::IpAddr addr_;
-   std::set<Lumet::ConnTuple> mappedAddr_;
-};
-
-// The two addresses that one twice connection watches.
-struct TwiceNatWatchedAddr {
-   Lumet::IpAddr srcWatchedAddr;
-   Lumet::IpAddr dstWatchedAddr;
-
-   bool operator==(TwiceNatWatchedAddr const&) const = default;
-   bool operator<(TwiceNatWatchedAddr const& o) const {
-      if (srcWatchedAddr < o.srcWatchedAddr) return true;
-      if (o.srcWatchedAddr < srcWatchedAddr) return false;
-      return dstWatchedAddr < o.dstWatchedAddr;
-   }
-   std::string stringValue() const;
-};
 
 enum class DeferredDynamicNatEvent : Vor::U8 {
    addDyn = 0,
@@ -186,6 +152,13 @@ class NatIntfStatusSm : public UloBaseSm {
       explicit VorDynamicBacklogTask(NatIntfStatusSm* sm);
    };
 
+   using StaticWatchedAddrIndex = WatchedAddrIndex<Ip::Nat::StaticKey, Lumet::IpAddr>;
+   using TwiceWatchedAddrIndex = WatchedAddrIndex<TwiceNatKey, TwiceNatWatchedAddr>;
+   using DynamicWatchedAddrIndex = WatchedAddrIndex<Lumet::ConnTuple, Lumet::IpAddr>;
+   using DeferredStaticList = DeferredHwList<Ip::Nat::StaticKey, Ptr<DeferredStaticNatConnectionHw>>;
+   using DeferredTwiceList = DeferredHwList<TwiceNatKey, Ptr<DeferredTwiceNatConnectionHw>>;
+   using DeferredDynamicList = DeferredHwList<Lumet::ConnTuple, DeferredDynamicNatEvent>;
+
    NatIntfStatusSm(Ptr<UloCommonSmData> const& commonSmData,
                    Ptr<Ip::Nat::IntfStatus const> const& intfStatus,
                    Ptr<Ip::Nat::Status const> const& status,
@@ -219,30 +192,33 @@ class NatIntfStatusSm : public UloBaseSm {
    Ptr<NatSmStatusVrf> const& vrfStatus() const { return vrfStatus_; }
    // The VLAN or profile under which this engine programs.
    Vor::U16 vlanId() const { return vlanId_; }
-   void vlanIdIs(Vor::U16 v) { vlanId_ = v; }
    bool pendingCommit() const { return pendingCommit_; }
-   void pendingCommitIs(bool v) { pendingCommit_ = v; }
    bool counterStatus() const { return counterStatus_; }
    void counterStatusIs(bool v) { counterStatus_ = v; }
    bool cleanupInProgress() const { return cleanupInProgress_; }
    bool connectionInitInProgress() const { return connectionInitInProgress_; }
-
    std::map<Lumet::IntfId, Vor::U16> const& intfVlan() const { return intfVlan_; }
-   std::map<Ip::Nat::StaticKey, Lumet::IpAddr> const& staticKeyWatchedAddr() const {
-      return staticKeyWatchedAddr_;
-   }
-   Ptr<StaticNatAddrInfo> watchedAddrStaticKey(Lumet::IpAddr const& addr) const;
-   std::size_t watchedAddrStaticKeys() const { return watchedAddrStaticKey_.size(); }
    std::map<Ip::Nat::StaticKey, Ip::Nat::NatStaticConnection> const& cachedStaticConnection() const {
       return cachedStaticConnection_;
    }
-   Ptr<DeferredStaticNatConnectionHw> deferredStaticNatConnectionHw(
-      Ip::Nat::StaticKey const& key) const;
-   std::size_t deferredStaticNatConnectionHws() const { return deferredStaticNatConnectionHw_.size(); }
-   Ptr<DeferredTwiceNatConnectionHw> deferredTwiceNatConnectionHw(TwiceNatKey const& key) const;
-   std::size_t deferredTwiceNatConnectionHws() const { return deferredTwiceNatConnectionHw_.size(); }
    Ptr<Dov::Task> const& staticBacklogTask() const { return staticTask_; }
    Ptr<Dov::Task> const& dynamicBacklogTask() const { return dynamicTask_; }
+
+   // The watched addresses of each kind: staticKeyWatchedAddr and
+   // watchedAddrStaticKey are staticWatchedAddr().keyWatchedAddr() and
+   // .watchedAddrKey(), and so on for twice and dynamic connections.
+   StaticWatchedAddrIndex const& staticWatchedAddr() const { return staticWatchedAddr_; }
+   TwiceWatchedAddrIndex const& twiceWatchedAddr() const { return twiceWatchedAddr_; }
+   DynamicWatchedAddrIndex const& dynamicWatchedAddr() const { return dynamicWatchedAddr_; }
+   // The deferred lists: deferredStaticNatConnectionHw,
+   // deferredTwiceNatConnectionHw, deferredDynamicNat.
+   DeferredStaticList const& deferredStaticNatConnectionHw() const {
+      return deferredStaticNatConnectionHw_;
+   }
+   DeferredTwiceList const& deferredTwiceNatConnectionHw() const {
+      return deferredTwiceNatConnectionHw_;
+   }
+   DeferredDynamicList const& deferredDynamicNat() const { return deferredDynamicNat_; }
 
    // ---- frame ----
    // Starts the engine: backlog tasks, then, when hardware is up, the replay
@@ -273,61 +249,70 @@ class NatIntfStatusSm : public UloBaseSm {
    // Walks every static connection of the interface.
    void handleStaticConnection();
    // The reaction to one static connection: added (or replaced) when it is
-   // configured and hardware is up, deleted otherwise.
+   // configured and hardware is up, deleted otherwise. Idempotent: running
+   // it again for an unchanged rule leaves every count where it was.
    void handleStaticConnection(Ip::Nat::StaticKey const& key);
-   // Programs the configured connection through the helper. Returns whether
-   // the helper accepted it; a refusal leaves nothing in hardware and the key
-   // in the unprogrammed set.
-   bool addStaticConnection(Ip::Nat::StaticKey const& key);
-   // Reprograms a connection in force after a next-hop or multicast change.
-   void updateStaticConnection(Ip::Nat::StaticKey const& key);
    // Takes the connection (as last added) out of hardware and out of the
    // watched-address maps. The configuration entry may already be gone.
    void deleteStaticConnection(Ip::Nat::StaticKey const& key);
-   // REQUIRES: "hwIntfStatus".
-   void addStaticHwEntry(Ip::Nat::StaticKey const& key, Ip::Nat::NatStaticConnection const& conn);
-   // REQUIRES: "hwIntfStatus". An absent key is no error.
-   void deleteStaticHwEntry(Ip::Nat::StaticKey const& key);
+   // The forward and reverse map steps of a static connection's watched
+   // address, without the references (the add branch and
+   // deleteStaticConnection take and give those with them).
    void addStaticKeyWatchedAddr(Ip::Nat::StaticKey const& key, Lumet::IpAddr const& addr);
    void removeStaticKeyWatchedAddr(Ip::Nat::StaticKey const& key, Lumet::IpAddr const& addr);
    // A watched address of this engine's VRF resolved differently.
    void updateNextHop(VrfAndIpAddr const& vrfAndAddr);
 
    // ---- deferred commit ----
+   // The last writer for a key wins; the change flags stay set.
    // REQUIRES: "!natHelper()->immediateCommit()".
    void addDeferredStaticNatConnectionHw(Ip::Nat::StaticKey const& key, bool del,
                                          Ip::Nat::NatStaticConnection const& conn);
    // REQUIRES: "!natHelper()->immediateCommit()".
    void addDeferredTwiceNatConnectionHw(TwiceNatKey const& key, Ip::Nat::HwNatTwiceAddr const& addr,
                                         bool del);
-   // Schedules the static backlog task once for all that waits.
-   void doMaybeScheduleCommit();
    // Commits the batch and copies the result to hardware status. Runs in the
    // static backlog task, or directly during cleanup.
    void doProcessBacklogStatic();
    // The dynamic backlog comes with dynamic NAT; the task exists already.
    void doProcessBacklogDynamic();
-   // After a failed commit: re-issues the deletes, sends the adds to review.
-   void cleanupFailedCommit();
 
    // ---- unprogrammed bookkeeping ----
-   void addUnprogrammedEntry(NatType type, bool fullTable);
-   void checkUnprogrammedEntries();
+   // Removes what was programmed, then remembers the key for review.
    void addUnprogrammedStaticEntry(Ip::Nat::StaticKey const& key);
+   // Forgets the key once it is programmed or deleted.
    void checkUnprogrammedStaticEntry(Ip::Nat::StaticKey const& key);
 
-   // ---- multicast, as the static path calls it ----
-   void watchMulticast(Vor::U16 vlanId, Lumet::IpAndPort const& a, Lumet::IpAndPort const& b,
-                       Lumet::IpAndPort const& c, Lumet::IpAndPort const& d, Vor::U32 group,
-                       Vor::U8 protocol, Ip::Nat::StaticKey const& staticKey);
+ private:
+   // ---- steps of the static path ----
+   // Programs the configured connection through the helper. Returns whether
+   // the helper accepted it; a refusal leaves nothing in hardware and the key
+   // in the unprogrammed set.
+   bool addStaticConnection(Ip::Nat::StaticKey const& key);
+   // Reprograms a connection in force after a next-hop or multicast change.
+   void updateStaticConnection(Ip::Nat::StaticKey const& key);
+   // REQUIRES: "hwIntfStatus".
+   void addStaticHwEntry(Ip::Nat::StaticKey const& key, Ip::Nat::NatStaticConnection const& conn);
+   // REQUIRES: "hwIntfStatus". An absent key is no error.
+   void deleteStaticHwEntry(Ip::Nat::StaticKey const& key);
+   // Schedules the static backlog task once for all that waits.
+   void doMaybeScheduleCommit();
+   // After a failed commit: re-issues the deletes, sends the adds to review.
+   void cleanupFailedCommit();
+   void pendingCommitIs(bool v) { pendingCommit_ = v; }
+   void vlanIdIs(Vor::U16 v) { vlanId_ = v; }
+
+   // ---- multicast, as the connection paths call it ----
+   void watchMulticast(Vor::U16 vlanId, Lumet::IpAndPort const& oldSource,
+                       Lumet::IpAndPort const& newSource, Lumet::IpAndPort const& oldGroup,
+                       Lumet::IpAndPort const& newGroup, Vor::U32 group, Vor::U8 protocol,
+                       Ip::Nat::StaticKey const& staticKey);
    void unWatchMulticast(Vor::U16 vlanId, Lumet::IpAddr sourceIp, Lumet::IpAddr groupIp);
    Ptr<NatMulticastTransition> getMulticastTransition(Vor::U16 vlanId, Lumet::IpAddr sourceIp,
                                                       Lumet::IpAddr groupIp);
    void disableMulticastWithOifs(Vor::U16 vlanId, Lumet::IpAddr sourceIp, Lumet::IpAddr groupIp);
 
- private:
    Ptr<Ip::Nat::HwIntfStatus> hwIntfStatus() const;
-   Ptr<UloHelper::UloHelperNat const> natHelperConst() const { return natHelper_; }
 
    // Scalars and collaborators, in declared order.
    Vor::ReactorSlot<VorIntfStatus> intfStatus_;
@@ -346,19 +331,19 @@ class NatIntfStatusSm : public UloBaseSm {
    Lumet::IntfId natIntf_;
    Ptr<NatSmStatusVrf> vrfStatus_;
    Vor::U16 vlanId_ = 0;
-   std::map<Ip::Nat::StaticKey, Lumet::IpAddr> staticKeyWatchedAddr_;
-   std::map<Lumet::IpAddr, Ptr<StaticNatAddrInfo>> watchedAddrStaticKey_;
-   std::map<TwiceNatKey, TwiceNatWatchedAddr> twiceNatKeyWatchedAddr_;
-   std::map<Lumet::IpAddr, Ptr<TwiceNatAddrInfo>> watchedAddrTwiceNatKey_;
-   std::map<Lumet::ConnTuple, Lumet::IpAddr> dynamicKeyWatchedAddr_;
-   std::map<Lumet::IpAddr, Ptr<DynamicNatAddrInfo>> watchedAddrDynamicKey_;
+   // Bound with vrfStatus_ in handleInitialized; the three indexes hold
+   // their references through it.
+   WatchedAddrReferences watchedAddrReferences_;
+   StaticWatchedAddrIndex staticWatchedAddr_{watchedAddrReferences_};
+   TwiceWatchedAddrIndex twiceWatchedAddr_{watchedAddrReferences_};
+   DynamicWatchedAddrIndex dynamicWatchedAddr_{watchedAddrReferences_};
    bool pendingCommit_ = false;
    std::map<Lumet::IntfId, Vor::U16> intfVlan_;
    bool counterStatus_ = false;
    std::map<Lumet::ConnTuple, Vor::U16> dynamicTwice_;
-   std::map<Ip::Nat::StaticKey, Ptr<DeferredStaticNatConnectionHw>> deferredStaticNatConnectionHw_;
-   std::map<TwiceNatKey, Ptr<DeferredTwiceNatConnectionHw>> deferredTwiceNatConnectionHw_;
-   std::map<Lumet::ConnTuple, DeferredDynamicNatEvent> deferredDynamicNat_;
+   DeferredStaticList deferredStaticNatConnectionHw_;
+   DeferredTwiceList deferredTwiceNatConnectionHw_;
+   DeferredDynamicList deferredDynamicNat_;
    std::map<Ip::Nat::StaticKey, Ip::Nat::NatStaticConnection> cachedStaticConnection_;
    Ptr<Dov::Task> staticTask_;
    Vor::ReactorSlot<VorStaticBacklogTask> staticBacklogTask_;
@@ -366,6 +351,7 @@ class NatIntfStatusSm : public UloBaseSm {
    Vor::ReactorSlot<VorDynamicBacklogTask> dynamicBacklogTask_;
    bool cleanupInProgress_ = false;
    bool connectionInitInProgress_ = true;
+   UnprogrammedBook unprogrammed_;
 };
 
 // The factory the root uses: the engine with notification active.

@@ -89,11 +89,16 @@ void NatIntfStatusSm::handleStaticConnection(Ip::Nat::StaticKey const& key) {
          watchMulticast(conn.vlanId(), key.localAddress(), conn.globalAddress(), Lumet::IpAndPort(),
                         Lumet::IpAndPort(), 0, 0, key);
       }
+      // One reference per connection, however often the rule is delivered:
+      // the same address again takes nothing, a changed address gives the
+      // old one back, and a rule that no longer watches any address (now
+      // egress, or a multicast address) gives back what it watched.
       Lumet::IpAddr const addr = watchedAddrOf(key, conn);
-      if (!hasWatchedAddr(key, addr)) return;
-      vrfStatus_->addAddress(natIntf_, addr);
-      addStaticKeyWatchedAddr(key, addr);
-      natSmStatus_->addRouteConfigWatchedAddr(addr, vrfId_);
+      if (hasWatchedAddr(key, addr)) {
+         staticWatchedAddr_.watch(key, addr);
+      } else {
+         staticWatchedAddr_.unwatch(key);
+      }
       return;
    }
 
@@ -200,15 +205,9 @@ void NatIntfStatusSm::deleteStaticConnection(Ip::Nat::StaticKey const& key) {
       doMaybeScheduleCommit();
    }
 
-   auto watched = staticKeyWatchedAddr_.find(key);
-   if (watched != staticKeyWatchedAddr_.end()) {
-      Lumet::IpAddr const addr = watched->second;
-      if (!addr.isMulticast()) {
-         vrfStatus_->delAddress(natIntf_, addr);
-         removeStaticKeyWatchedAddr(key, addr);
-         natSmStatus_->removeRouteConfigWatchedAddr(addr, vrfId_);
-      }
-   }
+   // The index only ever holds addresses that were watched (never a
+   // multicast one), and gives back exactly the references it took.
+   staticWatchedAddr_.unwatch(key);
 
    auto const [sourceIp, groupIp] = multicastPair(key, conn);
    unWatchMulticast(vlanId_, sourceIp, groupIp);
@@ -242,20 +241,12 @@ void NatIntfStatusSm::deleteStaticHwEntry(Ip::Nat::StaticKey const& key) {
 
 void NatIntfStatusSm::addStaticKeyWatchedAddr(Ip::Nat::StaticKey const& key,
                                               Lumet::IpAddr const& addr) {
-   staticKeyWatchedAddr_[key] = addr;
-   Ptr<StaticNatAddrInfo>& addrInfo = watchedAddrStaticKey_[addr];
-   if (!addrInfo) addrInfo = Ptr<StaticNatAddrInfo>(new StaticNatAddrInfo(addr));
-   uloAssert(addrInfo);
-   addrInfo->mappedAddrIs(key);
+   staticWatchedAddr_.keyWatchedAddrIs(key, addr);
 }
 
 void NatIntfStatusSm::removeStaticKeyWatchedAddr(Ip::Nat::StaticKey const& key,
                                                  Lumet::IpAddr const& addr) {
-   staticKeyWatchedAddr_.erase(key);
-   auto it = watchedAddrStaticKey_.find(addr);
-   if (it == watchedAddrStaticKey_.end()) return;
-   it->second->mappedAddrDel(key);
-   if (it->second->mappedAddr().empty()) watchedAddrStaticKey_.erase(it);
+   staticWatchedAddr_.keyWatchedAddrDel(key, addr);
 }
 
 void NatIntfStatusSm::updateNextHop(VrfAndIpAddr const& vrfAndAddr) {
@@ -265,12 +256,10 @@ void NatIntfStatusSm::updateNextHop(VrfAndIpAddr const& vrfAndAddr) {
       return;
    }
    Lumet::IpAddr const addr = vrfAndAddr.ipAddr();
-   if (auto info = watchedAddrStaticKey(addr)) {
-      // Copy: an update that is refused deletes the key's watched address.
-      std::vector<Ip::Nat::StaticKey> const keys(info->mappedAddr().begin(),
-                                                 info->mappedAddr().end());
-      for (auto const& key : keys) {
-         if (auto deferred = deferredStaticNatConnectionHw(key)) {
+   {
+      // A copy: an update that is refused deletes the key's watched address.
+      for (auto const& key : staticWatchedAddr_.keysWatching(addr)) {
+         if (auto deferred = deferredStaticNatConnectionHw_.entity(key)) {
             // A waiting commit must land first; the backlog updates after it.
             deferred->updateNextHopIs(true);
             continue;
@@ -288,8 +277,7 @@ void NatIntfStatusSm::updateNextHop(VrfAndIpAddr const& vrfAndAddr) {
 void NatIntfStatusSm::addDeferredStaticNatConnectionHw(Ip::Nat::StaticKey const& key, bool del,
                                                        Ip::Nat::NatStaticConnection const& conn) {
    uloAssert(!natHelper()->immediateCommit());
-   Ptr<DeferredStaticNatConnectionHw>& entry = deferredStaticNatConnectionHw_[key];
-   if (!entry) entry = Ptr<DeferredStaticNatConnectionHw>(new DeferredStaticNatConnectionHw(key));
+   auto const& entry = deferredStaticNatConnectionHw_.entryIs(key);
    // The last writer wins; the change flags stay, so a later add does not
    // lose a next-hop change that arrived while the entry waited.
    entry->deleteConnectionIs(del);
@@ -299,8 +287,7 @@ void NatIntfStatusSm::addDeferredStaticNatConnectionHw(Ip::Nat::StaticKey const&
 void NatIntfStatusSm::addDeferredTwiceNatConnectionHw(TwiceNatKey const& key,
                                                       Ip::Nat::HwNatTwiceAddr const& addr, bool del) {
    uloAssert(!natHelper()->immediateCommit());
-   Ptr<DeferredTwiceNatConnectionHw>& entry = deferredTwiceNatConnectionHw_[key];
-   if (!entry) entry = Ptr<DeferredTwiceNatConnectionHw>(new DeferredTwiceNatConnectionHw(key));
+   auto const& entry = deferredTwiceNatConnectionHw_.entryIs(key);
    entry->deletionIs(del);
    if (!del) entry->addrIs(addr);
 }
@@ -340,14 +327,12 @@ void NatIntfStatusSm::doProcessBacklogStatic() {
 
    auto const hwIntfStatus = this->hwIntfStatus();
    uloAssert(hwIntfStatus);
-   Vor::U64 processed = 0;
    bool updateDone = false;
 
-   // The walk re-finds its place by key: updateStaticConnection may add or
-   // rewrite entries of the list.
-   for (auto it = deferredStaticNatConnectionHw_.begin(); it != deferredStaticNatConnectionHw_.end();) {
-      Ip::Nat::StaticKey const key = it->first;
-      Ptr<DeferredStaticNatConnectionHw> const entry = it->second;
+   // updateStaticConnection may add or rewrite entries of the list under the
+   // walk, which the list's walk tolerates.
+   Vor::U64 processed = deferredStaticNatConnectionHw_.walk([&](Ip::Nat::StaticKey const& key,
+                                                                Ptr<DeferredStaticNatConnectionHw> const& entry) {
       if (entry->deleteConnection()) {
          deleteStaticHwEntry(key);
       } else if (!commitFailed) {
@@ -359,9 +344,8 @@ void NatIntfStatusSm::doProcessBacklogStatic() {
             if (counterStatus_) updateDone = true;
          }
       }
-      ++processed;
-      it = deferredStaticNatConnectionHw_.upper_bound(key);
-   }
+      return true;
+   });
    // Twice entries are deferred and recorded by the twice-NAT path of the
    // engine; nothing fills that list yet.
 
@@ -371,8 +355,8 @@ void NatIntfStatusSm::doProcessBacklogStatic() {
       return;
    }
    if (!commitFailed) {
-      deferredStaticNatConnectionHw_.clear();
-      deferredTwiceNatConnectionHw_.clear();
+      deferredStaticNatConnectionHw_.delAll();
+      deferredTwiceNatConnectionHw_.delAll();
       pendingCommitIs(false);
       VOR_TRACE(7, natIntf_ << "Static backlog: processed " << processed << " requests");
       if (staticTask_) staticTask_->taskWorkCountInc(processed);
@@ -389,11 +373,8 @@ void NatIntfStatusSm::cleanupFailedCommit() {
    // Both branches run the delete path, which rewrites the key's entry into
    // a fresh deferred delete for the next commit. Keys already waiting for
    // review keep the entry they have.
-   std::vector<Ip::Nat::StaticKey> keys;
-   keys.reserve(deferredStaticNatConnectionHw_.size());
-   for (auto const& [key, entry] : deferredStaticNatConnectionHw_) keys.push_back(key);
-   for (auto const& key : keys) {
-      auto entry = deferredStaticNatConnectionHw(key);
+   for (auto const& key : deferredStaticNatConnectionHw_.keys()) {
+      auto const entry = deferredStaticNatConnectionHw_.entity(key);
       if (!entry || (ue && ue->staticEntriesHas(key))) continue;
       if (entry->deleteConnection()) {
          deleteStaticConnection(key);
@@ -410,16 +391,11 @@ void NatIntfStatusSm::cleanupFailedCommit() {
 void NatIntfStatusSm::addUnprogrammedStaticEntry(Ip::Nat::StaticKey const& key) {
    // Whatever half was programmed goes; the cache stays for the retry.
    deleteStaticConnection(key);
-   addUnprogrammedEntry(NatType::staticNat, true);
-   natSmStatus_->unprogrammedEntries(natIntf_)->staticEntriesIs(key);
+   unprogrammed_.add<NatType::staticNat>(key, true);
 }
 
 void NatIntfStatusSm::checkUnprogrammedStaticEntry(Ip::Nat::StaticKey const& key) {
-   auto ue = natSmStatus_->unprogrammedEntries(natIntf_);
-   if (!ue || !ue->staticEntriesHas(key)) return;
-   VOR_TRACE(7, natIntf_ << " Removing static entry from unprogrammed list");
-   ue->staticEntriesDel(key);
-   checkUnprogrammedEntries();
+   unprogrammed_.check<NatType::staticNat>(key);
 }
 
 } // namespace Ulo

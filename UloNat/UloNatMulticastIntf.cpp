@@ -17,11 +17,13 @@ VOR_TRACE_HANDLE("UloNatMulticastIntf");
 
 namespace Ulo {
 
-void NatIntfStatusSm::watchMulticast(Vor::U16 vlanId, Lumet::IpAndPort const& a,
-                                     Lumet::IpAndPort const& b, Lumet::IpAndPort const& c,
-                                     Lumet::IpAndPort const& d, Vor::U32 group, Vor::U8 protocol,
-                                     Ip::Nat::StaticKey const& staticKey) {
-   (void)vlanId, (void)a, (void)b, (void)c, (void)d, (void)group, (void)protocol, (void)staticKey;
+void NatIntfStatusSm::watchMulticast(Vor::U16 vlanId, Lumet::IpAndPort const& oldSource,
+                                     Lumet::IpAndPort const& newSource,
+                                     Lumet::IpAndPort const& oldGroup,
+                                     Lumet::IpAndPort const& newGroup, Vor::U32 group,
+                                     Vor::U8 protocol, Ip::Nat::StaticKey const& staticKey) {
+   (void)vlanId, (void)oldSource, (void)newSource, (void)oldGroup, (void)newGroup, (void)group,
+      (void)protocol, (void)staticKey;
    uloAssert(!multicastAdapter() && "multicast adapter not supported by this engine yet");
    VOR_TRACE(9, natIntf_ << " no multicastAdapter");
 }

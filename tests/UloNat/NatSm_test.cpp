@@ -170,7 +170,7 @@ TEST_F(NatSmTest, EgressAndMulticastProgramOnlyTheirDirection) {
    sys().staticIs(eth1, egress);
    EXPECT_EQ(sys().helper()->entriesOf(egress.key(), 0, 10), 1u);
    // An egress connection watches no address.
-   EXPECT_TRUE(sys().root()->natIntfStatusSm(eth1)->staticKeyWatchedAddr().empty());
+   EXPECT_TRUE(sys().root()->natIntfStatusSm(eth1)->staticWatchedAddr().empty());
    EXPECT_EQ(sys().nhMapConfig()->routeResolverRequest().size(), 0u);
 
    // A multicast translated source never gets a source translation, and a
@@ -303,7 +303,7 @@ TEST_F(NatSmTest, BatchesReachHardwareStatusOnlyAfterTheCommit) {
    EXPECT_EQ(sys().hwStaticCount(eth1), 2u);
    EXPECT_EQ(sys().helper()->entries().size(), 8u);
    EXPECT_FALSE(engine->pendingCommit());
-   EXPECT_EQ(engine->deferredStaticNatConnectionHws(), 0u);
+   EXPECT_EQ(engine->deferredStaticNatConnectionHw().size(), 0u);
 
    // A failed commit: the delete is recorded at once, the add goes to the
    // unprogrammed set; the review that this kicks (priority 3) retries it

@@ -10,6 +10,7 @@
 
 #include "framework/VorReactor.h"
 #include "framework/VorTrace.h"
+#include "RecordingHelper.h"
 
 namespace {
 
@@ -21,106 +22,7 @@ using Lumet::IpAndPort;
 using UloHelper::NatHwResult;
 using UloHelper::UloHelperNat;
 
-// A platform that overrides the operations chosen by the test and records
-// every call of them. Operations not chosen stay at the base defaults, or
-// are overridden by a forward to the base (which must count as default).
-class RecordingHelper : public UloHelperNat {
- public:
-   enum Mode { base, forwardToBase, succeed, fail };
-
-   RecordingHelper() : UloHelperNat("recording") {}
-
-   Mode addSrc = base, addDst = base, updSrc = base, updDst = base, delSrc = base, delDst = base;
-   Mode trap = base, protoTrap = base, service = base, addrOnlyAcl = base;
-   std::vector<std::string> calls;
-   // Runs inside the first source add, to change collections mid-walk.
-   std::function<void(IpAddrWithFullMask const&)> onAddSrc;
-   std::function<void(U32 seqNum)> onTrap;
-
-   static std::string pair(IpAndPort const& a, IpAndPort const& b) {
-      return a.stringValue() + ">" + b.stringValue();
-   }
-
-   bool addStaticSrcIpTranslation(IpAndPort const& o, IpAndPort const& n, IpAddrWithFullMask const& f, U8 p,
-                                  U16 v, StaticKey const& k, bool fwd, Ulo::VrfId vrf) override {
-      if (addSrc == base) return UloHelperNat::addStaticSrcIpTranslation(o, n, f, p, v, k, fwd, vrf);
-      calls.push_back("src " + pair(o, n) + " " + f.stringValue() + (fwd ? " fwd" : " rev"));
-      if (onAddSrc) onAddSrc(f);
-      if (addSrc == forwardToBase) {
-         // Runs the base for its bookkeeping, then claims success.
-         (void)UloHelperNat::addStaticSrcIpTranslation(o, n, f, p, v, k, fwd, vrf);
-         return true;
-      }
-      return addSrc == succeed;
-   }
-   bool addStaticDstIpTranslation(IpAndPort const& o, IpAndPort const& n, IpAddrWithFullMask const& f, U8 p,
-                                  U16 v, StaticKey const& k, NextHop nh, MulticastInfo m, bool fwd,
-                                  Ulo::VrfId vrf) override {
-      if (addDst == base) return UloHelperNat::addStaticDstIpTranslation(o, n, f, p, v, k, nh, m, fwd, vrf);
-      calls.push_back("dst " + pair(o, n) + " " + f.stringValue() + (fwd ? " fwd" : " rev"));
-      return addDst == succeed;
-   }
-   bool updateStaticSrcIpTranslation(IpAndPort const& o, IpAndPort const& n, IpAddrWithFullMask const& f, U8 p,
-                                     U16 v, StaticKey const& k, NextHop nh, MulticastInfo m, bool fwd,
-                                     Ulo::VrfId vrf) override {
-      if (updSrc == base) return UloHelperNat::updateStaticSrcIpTranslation(o, n, f, p, v, k, nh, m, fwd, vrf);
-      calls.push_back("updSrc " + pair(o, n) + " " + f.stringValue());
-      return updSrc == succeed;
-   }
-   bool updateStaticDstIpTranslation(IpAndPort const& o, IpAndPort const& n, IpAddrWithFullMask const& f, U8 p,
-                                     U16 v, StaticKey const& k, NextHop nh, MulticastInfo m, bool fwd,
-                                     Ulo::VrfId vrf) override {
-      if (updDst == base) return UloHelperNat::updateStaticDstIpTranslation(o, n, f, p, v, k, nh, m, fwd, vrf);
-      calls.push_back("updDst " + pair(o, n) + " " + f.stringValue());
-      return updDst == succeed;
-   }
-   bool deleteStaticSrcIpTranslation(U16 v, StaticKey const& k, bool fwd, Ulo::VrfId vrf) override {
-      if (delSrc == base) return UloHelperNat::deleteStaticSrcIpTranslation(v, k, fwd, vrf);
-      calls.push_back(std::string("delSrc") + (fwd ? " fwd" : " rev"));
-      return delSrc == succeed;
-   }
-   bool deleteStaticDstIpTranslation(U16 v, StaticKey const& k, bool fwd, Ulo::VrfId vrf) override {
-      if (delDst == base) return UloHelperNat::deleteStaticDstIpTranslation(v, k, fwd, vrf);
-      calls.push_back(std::string("delDst") + (fwd ? " fwd" : " rev"));
-      return delDst == succeed;
-   }
-   bool addTrapRule(U32 vlanId, Vor::String acl, U32 ruleId, U32 seqNum, IpAddrWithFullMask const& s,
-                    IpAddrWithFullMask const& d, bool ff, bool deny, bool addrOnly, bool fullCone, U16 group,
-                    U32 poolId, NatTarget t) override {
-      if (trap == base) {
-         return UloHelperNat::addTrapRule(vlanId, acl, ruleId, seqNum, s, d, ff, deny, addrOnly, fullCone,
-                                          group, poolId, t);
-      }
-      calls.push_back("trap " + std::to_string(seqNum) + " group " + std::to_string(group));
-      if (onTrap) onTrap(seqNum);
-      return trap == succeed;
-   }
-   bool addProtocolTrapRule(U32 vlanId, Vor::String acl, U32 ruleId, U32 seqNum, U8 proto,
-                            IpAddrWithFullMask const& s, IpAddrWithFullMask const& d, U16 sp, U16 spm, U16 dp,
-                            U16 dpm, bool ff, bool deny, bool addrOnly, bool fullCone, U16 group, U32 poolId,
-                            NatTarget t) override {
-      if (protoTrap == base) {
-         return UloHelperNat::addProtocolTrapRule(vlanId, acl, ruleId, seqNum, proto, s, d, sp, spm, dp, dpm,
-                                                  ff, deny, addrOnly, fullCone, group, poolId, t);
-      }
-      char text[64];
-      std::snprintf(text, sizeof text, "proto %u %u/%04x %u/%04x", seqNum, sp, spm, dp, dpm);
-      calls.push_back(text);
-      return protoTrap == succeed;
-   }
-   bool addServiceTrapRule(U32 vlanId, Vor::String acl, U32 ruleId, IpAddrWithFullMask const& s, U16 sp,
-                           IpAddrWithFullMask const& d, U16 dp, bool ff, bool deny, NatTarget t) override {
-      if (service == base) return UloHelperNat::addServiceTrapRule(vlanId, acl, ruleId, s, sp, d, dp, ff, deny, t);
-      calls.push_back("service " + std::to_string(sp) + " " + std::to_string(dp));
-      return service == succeed;
-   }
-   bool addAddrOnlyAclRule(U32 vlanId, Vor::String acl, U32 ruleId, IpAddrWithFullMask const& s,
-                           IpAddrWithFullMask const& d, bool ff, NatTarget t) override {
-      if (addrOnlyAcl == base) return UloHelperNat::addAddrOnlyAclRule(vlanId, acl, ruleId, s, d, ff, t);
-      calls.push_back("addrOnlyAcl " + s.stringValue());
-      return addrOnlyAcl == succeed;
-   }
-};
+using UloTest::RecordingHelper;
 
 IpAndPort const local(IpAddr(10, 0, 0, 1), 80);
 IpAndPort const global(IpAddr(1, 1, 1, 1), 8080);
