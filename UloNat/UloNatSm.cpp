@@ -407,7 +407,11 @@ void NatSm::natIntfStatusSmDel(Lumet::IntfId const& intf) { natIntfStatusSm_.xDe
 
 void NatSm::handleCounterStatus() {
    if (!initialized()) return;
-   // What waits is programmed under the old state of the counters.
+   // Each engine's backlogs are asked to run before the counters change.
+   // Both return at once outside their own task and outside cleanup, and
+   // this handler is neither, so today these calls do nothing: a batch that
+   // waits is committed later by its task, under the new counter state.
+   // That guard is deliberate and stays; do not read these calls as a flush.
    for (auto const& intf : natIntfStatusSm_.keys()) {
       if (auto engine = natIntfStatusSm(intf)) {
          engine->doProcessBacklogStatic();
