@@ -58,20 +58,14 @@ void UnprogrammedBook::forgetAll() {
 }
 
 void UnprogrammedBook::traceRemoving(NatType type) const {
-   switch (type) {
-      case NatType::staticNat:
-         VOR_TRACE(7, natIntf_ << " Removing static entry from unprogrammed list");
-         return;
-      case NatType::twiceNat:
-         VOR_TRACE(7, natIntf_ << " Removing twice entry from unprogrammed list");
-         return;
-      case NatType::dynamicNat:
-         VOR_TRACE(7, natIntf_ << " Removing dynamic entry from unprogrammed list");
-         return;
-      case NatType::trapAclNat:
-         VOR_TRACE(7, natIntf_ << " Removing trap acl entry from unprogrammed list");
-         return;
-   }
+   // By NatType value.
+   static char const* const removing[] = {
+      " Removing static entry from unprogrammed list",
+      " Removing twice entry from unprogrammed list",
+      " Removing dynamic entry from unprogrammed list",
+      " Removing trap acl entry from unprogrammed list",
+   };
+   VOR_TRACE(7, natIntf_ << removing[static_cast<unsigned>(type)]);
 }
 
 } // namespace Ulo

@@ -27,38 +27,39 @@
 
 namespace Ulo {
 
-// The set of NatUnprogrammedEntries that holds one kind of key.
+// The set of NatUnprogrammedEntries that holds one kind of key: its key type
+// and its three accessors.
+template <class K, bool (NatUnprogrammedEntries::*hasFn)(K const&) const,
+          void (NatUnprogrammedEntries::*isFn)(K const&),
+          void (NatUnprogrammedEntries::*delFn)(K const&)>
+struct UnprogrammedSet {
+   using Key = K;
+   static bool has(NatUnprogrammedEntries const& ue, Key const& k) { return (ue.*hasFn)(k); }
+   static void is(NatUnprogrammedEntries& ue, Key const& k) { (ue.*isFn)(k); }
+   static void del(NatUnprogrammedEntries& ue, Key const& k) { (ue.*delFn)(k); }
+};
+
 template <NatType type>
 struct UnprogrammedKind;
-
 template <>
-struct UnprogrammedKind<NatType::staticNat> {
-   using Key = Ip::Nat::StaticKey;
-   static bool has(NatUnprogrammedEntries const& ue, Key const& k) { return ue.staticEntriesHas(k); }
-   static void is(NatUnprogrammedEntries& ue, Key const& k) { ue.staticEntriesIs(k); }
-   static void del(NatUnprogrammedEntries& ue, Key const& k) { ue.staticEntriesDel(k); }
-};
+struct UnprogrammedKind<NatType::staticNat>
+    : UnprogrammedSet<Ip::Nat::StaticKey, &NatUnprogrammedEntries::staticEntriesHas,
+                      &NatUnprogrammedEntries::staticEntriesIs,
+                      &NatUnprogrammedEntries::staticEntriesDel> {};
 template <>
-struct UnprogrammedKind<NatType::twiceNat> {
-   using Key = TwiceNatKey;
-   static bool has(NatUnprogrammedEntries const& ue, Key const& k) { return ue.twiceEntriesHas(k); }
-   static void is(NatUnprogrammedEntries& ue, Key const& k) { ue.twiceEntriesIs(k); }
-   static void del(NatUnprogrammedEntries& ue, Key const& k) { ue.twiceEntriesDel(k); }
-};
+struct UnprogrammedKind<NatType::twiceNat>
+    : UnprogrammedSet<TwiceNatKey, &NatUnprogrammedEntries::twiceEntriesHas,
+                      &NatUnprogrammedEntries::twiceEntriesIs,
+                      &NatUnprogrammedEntries::twiceEntriesDel> {};
 template <>
-struct UnprogrammedKind<NatType::dynamicNat> {
-   using Key = Lumet::ConnTuple;
-   static bool has(NatUnprogrammedEntries const& ue, Key const& k) { return ue.dynamicEntriesHas(k); }
-   static void is(NatUnprogrammedEntries& ue, Key const& k) { ue.dynamicEntriesIs(k); }
-   static void del(NatUnprogrammedEntries& ue, Key const& k) { ue.dynamicEntriesDel(k); }
-};
+struct UnprogrammedKind<NatType::dynamicNat>
+    : UnprogrammedSet<Lumet::ConnTuple, &NatUnprogrammedEntries::dynamicEntriesHas,
+                      &NatUnprogrammedEntries::dynamicEntriesIs,
+                      &NatUnprogrammedEntries::dynamicEntriesDel> {};
 template <>
-struct UnprogrammedKind<NatType::trapAclNat> {
-   using Key = Ip::Nat::DynamicKey;
-   static bool has(NatUnprogrammedEntries const& ue, Key const& k) { return ue.trapAclsHas(k); }
-   static void is(NatUnprogrammedEntries& ue, Key const& k) { ue.trapAclsIs(k); }
-   static void del(NatUnprogrammedEntries& ue, Key const& k) { ue.trapAclsDel(k); }
-};
+struct UnprogrammedKind<NatType::trapAclNat>
+    : UnprogrammedSet<Ip::Nat::DynamicKey, &NatUnprogrammedEntries::trapAclsHas,
+                      &NatUnprogrammedEntries::trapAclsIs, &NatUnprogrammedEntries::trapAclsDel> {};
 
 class UnprogrammedBook {
  public:
