@@ -36,6 +36,7 @@
 // delete connections while it walks the copy; the copy may then name keys
 // that no longer watch the address, which the caller must tolerate.
 
+#include <array>
 #include <map>
 #include <set>
 #include <vector>
@@ -86,8 +87,10 @@ struct TwiceNatWatchedAddr {
 // The addresses named by a Watched value, in the order their references are
 // taken. One address for a plain address; source then destination for a
 // twice connection.
-inline std::vector<Lumet::IpAddr> watchedAddrs(Lumet::IpAddr const& addr) { return {addr}; }
-inline std::vector<Lumet::IpAddr> watchedAddrs(TwiceNatWatchedAddr const& watched) {
+// A fixed array: the add path of every connection asks, so it must not
+// allocate.
+inline std::array<Lumet::IpAddr, 1> watchedAddrs(Lumet::IpAddr const& addr) { return {addr}; }
+inline std::array<Lumet::IpAddr, 2> watchedAddrs(TwiceNatWatchedAddr const& watched) {
    return {watched.srcWatchedAddr, watched.dstWatchedAddr};
 }
 
@@ -151,7 +154,7 @@ class WatchedAddrIndex {
          if (it->second == watched) return false;
          unwatch(key);
       }
-      std::vector<Lumet::IpAddr> const addrs = watchedAddrs(watched);
+      auto const addrs = watchedAddrs(watched);
       for (auto const& addr : addrs) references_.take(addr);
       keyWatchedAddrIs(key, watched);
       for (auto const& addr : addrs) references_.takeRoute(addr);
@@ -164,7 +167,7 @@ class WatchedAddrIndex {
       auto const it = forward_.find(key);
       if (it == forward_.end()) return false;
       Watched const watched = it->second;
-      std::vector<Lumet::IpAddr> const addrs = watchedAddrs(watched);
+      auto const addrs = watchedAddrs(watched);
       for (auto const& addr : addrs) references_.giveBack(addr);
       keyWatchedAddrDel(key, watched);
       for (auto const& addr : addrs) references_.giveBackRoute(addr);
