@@ -22,13 +22,19 @@ Vor::U16 intfProfileId(Lumet::IntfId const& intfId) {
 
 NatIntfStatusSm::VorIntfStatus::VorIntfStatus(NatIntfStatusSm* sm)
     : Reactor(sm, [] () -> Bindings const& {
-         // Twice connections and trap rules get their bindings with the
-         // capabilities that handle them.
+         // Trap rules get their binding with the capability that handles
+         // them.
          static Bindings const b{
             onKey<Lumet::IntfId>(Ip::Nat::IntfStatus::validIntfId,
                                  &NatIntfStatusSm::handleNatIntfProfile),
             onKey<Ip::Nat::StaticKey>(Ip::Nat::IntfStatus::staticConnectionId,
                                       &NatIntfStatusSm::handleStaticConnection),
+            // The handler takes its group by value.
+            onKey<Vor::U16>(Ip::Nat::IntfStatus::twiceNatConnectionId,
+                            std::function<void(NatIntfStatusSm&, Vor::U16 const&)>(
+                               [](NatIntfStatusSm& sm, Vor::U16 const& group) {
+                                  sm.handleTwiceNatConnection(group);
+                               })),
          };
          return b;
       }()) {}
@@ -159,12 +165,6 @@ void NatIntfStatusSm::handleInitialized() {
 }
 
 // ---- walks whose keyed handlers come with the other kinds of rule ----
-
-void NatIntfStatusSm::handleTwiceNatConnection() {
-   // Walks intfStatus's twiceNatConnection once twice NAT is handled by the
-   // engine (handleTwiceNatConnection(group)); until then there is nothing
-   // to call per group.
-}
 
 void NatIntfStatusSm::handleDynamicConnection() {
    // Walks the interface's dynamic connections once dynamic NAT is handled by

@@ -13,8 +13,11 @@
 //                                     VLANs, cleanup, unprogrammed bookkeeping
 //   UloNat/UloNatIntfSmStatic.cpp     static connections, next-hop updates,
 //                                     deferred commit and backlog
-//   UloNat/UloNatMulticastIntf.cpp    the multicast operations that the static
-//                                     path calls (engine without an adapter)
+//   UloNat/UloNatIntfSmTwice.cpp      twice NAT connections: forward and
+//                                     reverse pairs, their watched addresses
+//                                     and unprogrammed entries
+//   UloNat/UloNatMulticastIntf.cpp    the multicast side: the three route
+//                                     tables, transitions, route changes
 //
 // The engine core, shared by every kind of connection (static, twice,
 // dynamic, trap rules), each in a header of its own:
@@ -240,10 +243,57 @@ class NatIntfStatusSm : public UloBaseSm {
    void handleNatIntfProfile(Lumet::IntfId const& intf);
 
    // ---- walks of the other collections ----
-   // Their keyed handlers come with twice NAT, dynamic NAT and trap rules.
+   // Their keyed handlers come with dynamic NAT and trap rules.
    void handleTwiceNatConnection();
    void handleDynamicConnection();
    void handleTrapRule();
+
+   // ---- twice NAT connections ----
+   // Each entry of a group is two translations, forward and reverse, which
+   // are in hardware together or not at all.
+   //
+   // The reaction to one group: a complete rule (both old addresses set) is
+   // programmed when hardware is up; half a rule programs nothing and waits
+   // for dynamic connections; otherwise every entry of the group leaves
+   // hardware (entries of a dynamic group move to the unprogrammed set, as
+   // their connections outlive the rule).
+   void handleTwiceNatConnection(Vor::U16 group);
+   // Programs forward then reverse; a refused reverse takes the forward half
+   // out again. Returns whether both were accepted; on a refusal nothing of
+   // the entry stays in hardware and the key is in the unprogrammed set.
+   bool addTwiceNatConnection(Vor::U16 group, Lumet::ConnTuple const& addr,
+                              Ip::Nat::HwNatTwiceAddr const& natAddr);
+   // Before a rule is programmed (or found to be half a rule): takes out of
+   // hardware (and out of the unprogrammed set) every other entry of its
+   // non-dynamic group, and the entry itself when its translation changed.
+   void replaceTwiceNatConnection(Vor::U16 group, Lumet::ConnTuple const& tuple,
+                                  Ip::Nat::HwNatTwiceAddr const& natAddr);
+   // Reprograms an entry in force (next hop or multicast change). An entry
+   // not in hardware status is left alone.
+   void updateTwiceNatConnection(Vor::U16 group, Lumet::ConnTuple const& addr);
+   // Takes an entry out of hardware, as recorded in hardware status.
+   void deleteTwiceNatConnection(Vor::U16 group, Lumet::ConnTuple const& addr);
+   // REQUIRES: "hwIntfStatus".
+   void addTwiceHwEntry(Lumet::ConnTuple const& addr, Ip::Nat::NatTwiceConnection const& conn,
+                        Ip::Nat::HwNatTwiceAddr const& natAddr);
+   // REQUIRES: "hwIntfStatus". The last entry of a group takes the group's
+   // record with it.
+   void deleteTwiceHwEntry(Vor::U16 group, Lumet::ConnTuple const& addr);
+   // The map steps of a twice entry's two watched addresses, without the
+   // references (the add and delete paths take and give those with them).
+   void addTwiceNatKeyWatchedAddr(TwiceNatKey const& key, TwiceNatWatchedAddr const& watched);
+   void removeTwiceNatKeyWatchedAddr(TwiceNatKey const& key, TwiceNatWatchedAddr const& watched);
+   // The tuples that dynamic connections completed, by tuple: their group.
+   std::map<Lumet::ConnTuple, Vor::U16> const& dynamicTwice() const { return dynamicTwice_; }
+   // Removes what was programmed, then remembers the key for review: in the
+   // dynamic set when a dynamic connection completed the tuple. Only
+   // tableFull sets the table-full state.
+   void addUnprogrammedTwiceEntry(Vor::U16 group, Lumet::ConnTuple const& tuple,
+                                  UloHelper::NatHwResult result);
+   void checkUnprogrammedTwiceEntry(Vor::U16 group, Lumet::ConnTuple const& tuple, bool dynamic);
+   // Forgets this interface's record of unprogrammed entries once it is
+   // empty (and says so when it was the last of all).
+   void checkUnprogrammedEntries();
 
    // ---- static connections ----
    // Walks every static connection of the interface.
@@ -283,6 +333,39 @@ class NatIntfStatusSm : public UloBaseSm {
    // Forgets the key once it is programmed or deleted.
    void checkUnprogrammedStaticEntry(Ip::Nat::StaticKey const& key);
 
+   // ---- multicast ----
+   // The rule behind each watched route. One route holds one rule of a kind:
+   // a second rule on the same route replaces the first one's entry.
+   // mrouteTwiceGroup and mrouteTwiceAddr are written and removed together.
+   std::map<NatMrouteKey, Ip::Nat::StaticKey> const& mrouteStaticKey() const { return mrouteStaticKey_; }
+   std::map<NatMrouteKey, Vor::U16> const& mrouteTwiceGroup() const { return mrouteTwiceGroup_; }
+   std::map<NatMrouteKey, Lumet::ConnTuple> const& mrouteTwiceAddr() const { return mrouteTwiceAddr_; }
+   // Records the rule under its route and watches the route; nothing without
+   // an adapter. A twice rule is told by oldSource's and newGroup's addresses
+   // both set.
+   // REQUIRES: "group && \"Expecting non-zero group passed to watchMulticast\""
+   // for a twice rule, "!!staticKey && \"Expecting staticKey passed to
+   // watchMulticast\"" for a static one.
+   void watchMulticast(Vor::U16 vlanId, Lumet::IpAndPort const& oldSource,
+                       Lumet::IpAndPort const& newSource, Lumet::IpAndPort const& oldGroup,
+                       Lumet::IpAndPort const& newGroup, Vor::U32 group, Vor::U8 protocol,
+                       Ip::Nat::StaticKey const& staticKey);
+   void unWatchMulticast(Vor::U16 vlanId, Lumet::IpAddr sourceIp, Lumet::IpAddr groupIp);
+   // What multicast record goes to the helper with a rule, and whether the
+   // rule's translation comes into force (the adapter's cache is marked).
+   Ptr<NatMulticastTransition> getMulticastTransition(Vor::U16 vlanId, Lumet::IpAddr sourceIp,
+                                                      Lumet::IpAddr groupIp);
+   void disableMulticastWithOifs(Vor::U16 vlanId, Lumet::IpAddr sourceIp, Lumet::IpAddr groupIp);
+   // The adapter's news of a route: the rule behind it is reprogrammed.
+   void updateMcastAddMroute(NatMrouteKey const& key, NatMrouteOifSet const& oifSet);
+   void updateMcastDelMroute(NatMrouteKey const& key);
+   void updateMcastAddGroup(NatMrouteKey const& key, Vor::U32 groupId);
+   void updateMcastDelGroup(NatMrouteKey const& key);
+   // Finds the rule behind `key`, then behind `key` with a zero group (a
+   // source-side static rule watches (S, 0)), and reprograms it, or flags
+   // its deferred record. Nothing before hardware is up.
+   void triggerConnectionUpdate(NatMrouteKey const& key);
+
  private:
    // ---- steps of the static path ----
    // Programs the configured connection through the helper. Returns whether
@@ -301,16 +384,6 @@ class NatIntfStatusSm : public UloBaseSm {
    void cleanupFailedCommit();
    void pendingCommitIs(bool v) { pendingCommit_ = v; }
    void vlanIdIs(Vor::U16 v) { vlanId_ = v; }
-
-   // ---- multicast, as the connection paths call it ----
-   void watchMulticast(Vor::U16 vlanId, Lumet::IpAndPort const& oldSource,
-                       Lumet::IpAndPort const& newSource, Lumet::IpAndPort const& oldGroup,
-                       Lumet::IpAndPort const& newGroup, Vor::U32 group, Vor::U8 protocol,
-                       Ip::Nat::StaticKey const& staticKey);
-   void unWatchMulticast(Vor::U16 vlanId, Lumet::IpAddr sourceIp, Lumet::IpAddr groupIp);
-   Ptr<NatMulticastTransition> getMulticastTransition(Vor::U16 vlanId, Lumet::IpAddr sourceIp,
-                                                      Lumet::IpAddr groupIp);
-   void disableMulticastWithOifs(Vor::U16 vlanId, Lumet::IpAddr sourceIp, Lumet::IpAddr groupIp);
 
    Ptr<Ip::Nat::HwIntfStatus> hwIntfStatus() const;
 
@@ -345,6 +418,9 @@ class NatIntfStatusSm : public UloBaseSm {
    DeferredTwiceList deferredTwiceNatConnectionHw_;
    DeferredDynamicList deferredDynamicNat_;
    std::map<Ip::Nat::StaticKey, Ip::Nat::NatStaticConnection> cachedStaticConnection_;
+   std::map<NatMrouteKey, Ip::Nat::StaticKey> mrouteStaticKey_;
+   std::map<NatMrouteKey, Vor::U16> mrouteTwiceGroup_;
+   std::map<NatMrouteKey, Lumet::ConnTuple> mrouteTwiceAddr_;
    Ptr<Dov::Task> staticTask_;
    Vor::ReactorSlot<VorStaticBacklogTask> staticBacklogTask_;
    Ptr<Dov::Task> dynamicTask_;

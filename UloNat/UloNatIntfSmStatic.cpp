@@ -268,8 +268,15 @@ void NatIntfStatusSm::updateNextHop(VrfAndIpAddr const& vrfAndAddr) {
          if (hw && hw->staticConnectionHw(key)) updateStaticConnection(key);
       }
    }
-   // Twice and dynamic connections watch addresses of their own; their
-   // updates come with those kinds of rule.
+   for (auto const& key : twiceWatchedAddr_.keysWatching(addr)) {
+      if (auto deferred = deferredTwiceNatConnectionHw_.entity(key)) {
+         deferred->updateNextHopIs(true);
+         continue;
+      }
+      updateTwiceNatConnection(key.group(), key.addr());
+   }
+   // Dynamic connections watch addresses of their own; their updates come
+   // with dynamic NAT.
 }
 
 // ---- deferred commit ----
@@ -346,8 +353,21 @@ void NatIntfStatusSm::doProcessBacklogStatic() {
       }
       return true;
    });
-   // Twice entries are deferred and recorded by the twice-NAT path of the
-   // engine; nothing fills that list yet.
+   // A group that left the configuration records nothing.
+   auto const is = intfStatus();
+   processed += deferredTwiceNatConnectionHw_.walk([&](TwiceNatKey const& key,
+                                                       Ptr<DeferredTwiceNatConnectionHw> const& entry) {
+      if (entry->deletion()) {
+         deleteTwiceHwEntry(key.group(), key.addr());
+      } else if (!commitFailed && is && is->twiceNatConnectionHas(key.group())) {
+         addTwiceHwEntry(key.addr(), is->twiceNatConnection(key.group()), entry->addr());
+         if (entry->updateNextHop() || entry->updateMulticast()) {
+            updateTwiceNatConnection(key.group(), key.addr());
+            if (counterStatus_) updateDone = true;
+         }
+      }
+      return true;
+   });
 
    if (updateDone && !natHelper_->commitHwTranslations()) {
       VOR_TRACE(3, "ACL commit failed" << natIntf_ << ", commit failed");
@@ -382,7 +402,15 @@ void NatIntfStatusSm::cleanupFailedCommit() {
          addUnprogrammedStaticEntry(key);
       }
    }
-   // Failed twice entries are re-issued by the twice-NAT path.
+   for (auto const& key : deferredTwiceNatConnectionHw_.keys()) {
+      auto const entry = deferredTwiceNatConnectionHw_.entity(key);
+      if (!entry || (ue && ue->twiceEntriesHas(key))) continue;
+      if (entry->deletion()) {
+         deleteTwiceNatConnection(key.group(), key.addr());
+      } else {
+         addUnprogrammedTwiceEntry(key.group(), key.addr(), UloHelper::NatHwResult::tableFull);
+      }
+   }
    doMaybeScheduleCommit();
 }
 

@@ -110,6 +110,13 @@ NatSm::VorNatSmStatusNotif::VorNatSmStatusNotif(NatSm* sm)
          return b;
       }()) {}
 
+NatSm::VorMcastTranslationModeStatus::VorMcastTranslationModeStatus(NatSm* sm)
+    : Reactor(sm, [] () -> Bindings const& {
+         static Bindings const b{onEvent(Ip::Nat::McastTranslationMode::numTranslationTypesAttribute,
+                                         &NatSm::handleMcastTranslationModeStatus)};
+         return b;
+      }()) {}
+
 NatSm::VorAsyncHwStatusDir::VorAsyncHwStatusDir(NatSm* sm)
     : Reactor(sm, [] () -> Bindings const& {
          static Bindings const b{
@@ -169,6 +176,8 @@ NatSm::NatSm(Ptr<UloCommonSmData> const& commonSmData, Ptr<Ip::Nat::Status const
       natHelper_(natHelper),
       staticNatInfo_(staticNatInfo),
       uloL3IntfTable_(uloL3IntfTable),
+      mcastTranslationModeStatus_(
+         this, [this] { return std::make_unique<VorMcastTranslationModeStatus>(this); }),
       natSmStatusNotif_(this, [this] { return std::make_unique<VorNatSmStatusNotif>(this); }),
       unprogrammedTask_(this, [this](NatType const& type) {
          return std::make_unique<VorUnprogrammedTask>(this, type);

@@ -85,6 +85,12 @@ class NatSm : public UloBaseSm {
     public:
       explicit VorNatSmStatusNotif(NatSm* sm);
    };
+   // The number of multicast translation types; not replayed at a
+   // re-pointing, since every change reprograms connections.
+   class VorMcastTranslationModeStatus : public Vor::Reactor<Ip::Nat::McastTranslationMode, NatSm> {
+    public:
+      explicit VorMcastTranslationModeStatus(NatSm* sm);
+   };
    // The asynchronous programmer's answers: the status directory and one
    // member reactor per key's status.
    class VorAsyncHwStatusDir : public Vor::Reactor<NatAsyncHwStatusDir, NatSm> {
@@ -148,6 +154,14 @@ class NatSm : public UloBaseSm {
    // without multicast.
    Ptr<NatMulticastAdapter> const& multicastAdapter() const { return multicastAdapter_; }
    void multicastAdapterIs(Ptr<NatMulticastAdapter> const& a) { multicastAdapter_ = a; }
+   // Set from outside. Its numTranslationTypes moving to 0 or 3 reprograms
+   // every static and twice connection.
+   Ptr<Ip::Nat::McastTranslationMode const> mcastTranslationModeStatus() const {
+      return mcastTranslationModeStatus_.notifier();
+   }
+   void mcastTranslationModeStatusIs(Ptr<Ip::Nat::McastTranslationMode const> const& mode) {
+      mcastTranslationModeStatus_.notifierIs(mode);
+   }
    Ptr<NatSmStatus> const& natSmStatus() const { return natSmStatus_; }
    Ptr<NatSmStatusNotif> const& natSmStatusNotif() const { return natSmStatusNotifPtr_; }
    Ptr<Dov::TaskScheduler> const& scheduler() const { return scheduler_; }
@@ -202,6 +216,14 @@ class NatSm : public UloBaseSm {
    // programs them all again. No static translation stands anywhere between
    // the first delete and the first add.
    void doReprogramStaticConnections();
+   // REQUIRES: "mcastTranslationModeStatus()". Modes 0 and 3 reprogram
+   // static then twice connections; any other mode changes nothing.
+   void handleMcastTranslationModeStatus();
+   // Takes every twice connection of every engine out of hardware, as
+   // hardware status records them, then programs each engine's configured
+   // groups again. No twice translation stands anywhere in between.
+   // REQUIRES: "hwIntfStatus" for every engine.
+   void doReprogramTwiceConnections();
    // Hands the asynchronous programmer's answer for `key` to the helper. A
    // false answer is traced; what to do about it is the helper's business.
    // Ignored before start.
@@ -242,6 +264,7 @@ class NatSm : public UloBaseSm {
    Ptr<MrouteLib::StaticNatInfo> staticNatInfo_;
    Ptr<UloL3Intf::Table const> uloL3IntfTable_;
    Ptr<NatMulticastAdapter> multicastAdapter_;
+   Vor::ReactorSlot<VorMcastTranslationModeStatus> mcastTranslationModeStatus_;
    Ptr<NatSmStatus> natSmStatus_;
    Ptr<NatSmStatusNotif> natSmStatusNotifPtr_;
    Vor::ReactorSlot<VorNatSmStatusNotif> natSmStatusNotif_;

@@ -50,6 +50,16 @@ Ptr<Dov::TimerTask> NatSm::VorUnprogrammedTask::task() const { return sm_->unpro
 void NatSm::startUnprogrammedReview() {
    // All four start whatever kind of entry asked: a task with nothing to do
    // ends at once. A running task is left to its own rescheduling.
+   //
+   // A kick from inside a review (an entry retried and refused again) starts
+   // nothing: the running task keeps every task's cadence while entries
+   // remain. Otherwise two kinds refused for good would start each other's
+   // review at once, for ever, at the same instant.
+   for (NatType type : {NatType::staticNat, NatType::twiceNat, NatType::dynamicNat,
+                        NatType::trapAclNat}) {
+      auto task = unprogrammedTask(type);
+      if (task && task->taskCurrentlyRunning()) return;
+   }
    for (NatType type : {NatType::staticNat, NatType::twiceNat, NatType::dynamicNat,
                         NatType::trapAclNat}) {
       auto task = unprogrammedTask(type);
@@ -93,9 +103,12 @@ void NatSm::VorUnprogrammedTask::reviewUnprogrammedEntries() {
             if (!is || !is->twiceNatConnectionHas(key.group())) {
                // The group has left the configuration: nothing to retry.
                ue->twiceEntriesDel(key);
+               // The last key of the record takes the record with it, as
+               // when an entry is programmed, so the review comes to rest.
+               engine->checkUnprogrammedEntries();
+            } else {
+               engine->handleTwiceNatConnection(key.group());
             }
-            // A group still configured is retried by the engine's twice-NAT
-            // handler, which comes with twice NAT.
             ++reviewed;
             if (self->taskShouldYield()) break;
          }

@@ -17,6 +17,10 @@
 // of a helper that holds the same rules alone is subtracted to give the
 // engine's own state per rule.
 //
+// Twice NAT: 50,000 twice groups, one complete rule each, over the same 100
+// interfaces, carried to the chip as forward and reverse pairs. Baseline in
+// the same run: the two addTwiceNatTranslation calls per pair alone.
+//
 //   build-rel/bench/static_nat_bench
 
 #include <benchmark/benchmark.h>
@@ -132,6 +136,82 @@ void runBaseline(benchmark::State& state, bool immediate) {
    state.SetItemsProcessed(state.iterations() * kRules);
 }
 
+constexpr int kTwiceGroups = 50000;
+
+struct TwiceRule {
+   Lumet::IntfId intf;
+   Ip::Nat::NatTwiceConnection conn;
+};
+
+std::vector<TwiceRule> makeTwiceRules() {
+   std::vector<TwiceRule> out;
+   out.reserve(kTwiceGroups);
+   for (int i = 0; i < kTwiceGroups; ++i) {
+      int const intf = i % kInterfaces;
+      auto const group = static_cast<Vor::U16>(1 + i / kInterfaces);
+      auto const n = static_cast<Vor::U32>(i);
+      out.push_back(TwiceRule{
+         Lumet::IntfId::make(Lumet::IntfId::ethernet, static_cast<Vor::U32>(intf + 1)),
+         Ip::Nat::NatTwiceConnection(group, Lumet::IpAndPort(Lumet::IpAddr(10u << 24 | n), 1000),
+                                     Lumet::IpAndPort(Lumet::IpAddr(20u << 24 | n), 80),
+                                     Lumet::IpAndPort(Lumet::IpAddr(100u << 24 | n), 2000),
+                                     Lumet::IpAndPort(Lumet::IpAddr(110u << 24 | n), 8080), 6,
+                                     static_cast<Vor::U16>(intf + 1))});
+   }
+   return out;
+}
+
+std::vector<TwiceRule> const& twiceRules() {
+   static std::vector<TwiceRule> const r = makeTwiceRules();
+   return r;
+}
+
+void BM_TwiceEngineImmediate(benchmark::State& state) {
+   for (auto _ : state) {
+      state.PauseTiming();
+      auto sys = makeSystem(true);
+      sys->start();
+      state.ResumeTiming();
+
+      for (auto const& r : twiceRules()) sys->twiceIs(r.intf, r.conn);
+      sys->runUntilIdle();
+
+      state.PauseTiming();
+      if (sys->hwTwiceCount() != static_cast<std::size_t>(kTwiceGroups) ||
+          sys->helper()->twiceEntries() != static_cast<std::size_t>(2 * kTwiceGroups)) {
+         state.SkipWithError("not every twice pair reached hardware status and the chip");
+      }
+      sys.reset();
+      state.ResumeTiming();
+   }
+   state.SetItemsProcessed(state.iterations() * kTwiceGroups);
+}
+
+void BM_TwiceHelperOnlyImmediate(benchmark::State& state) {
+   for (auto _ : state) {
+      state.PauseTiming();
+      auto helper = Sim::simNatHelperFactory("baseline", 4 * kRules, true);
+      state.ResumeTiming();
+      for (auto const& r : twiceRules()) {
+         auto const& c = r.conn;
+         helper->addTwiceNatTranslation(c.srcOld(), c.srcNew(), c.dstOld(), c.dstNew(), c.protocol(), c.vlanId(),
+                                        nullptr, Ulo::defaultMulticastData(), true, c.group(), 0, false);
+         helper->addTwiceNatTranslation(c.dstNew(), c.dstOld(), c.srcNew(), c.srcOld(), c.protocol(), c.vlanId(),
+                                        nullptr, Ulo::defaultMulticastData(), false, c.group(), 0, false);
+      }
+      state.PauseTiming();
+      if (helper->twiceEntries() != static_cast<std::size_t>(2 * kTwiceGroups)) {
+         state.SkipWithError("the helper did not take every pair");
+      }
+      helper = nullptr;
+      state.ResumeTiming();
+   }
+   state.SetItemsProcessed(state.iterations() * kTwiceGroups);
+}
+
+BENCHMARK(BM_TwiceHelperOnlyImmediate)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(BM_TwiceEngineImmediate)->Unit(benchmark::kMillisecond)->Iterations(3);
+
 void BM_EngineImmediate(benchmark::State& state) { runEngine(state, true); }
 void BM_HelperOnlyImmediate(benchmark::State& state) { runBaseline(state, true); }
 void BM_EngineBatch(benchmark::State& state) { runEngine(state, false); }
@@ -198,6 +278,7 @@ int main(int argc, char** argv) {
    benchmark::Initialize(&argc, argv);
    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
    rules();   // built before any measurement
+   twiceRules();
    MemoryFigures const mem = measureMemory();
    CollectingReporter reporter;
    benchmark::RunSpecifiedBenchmarks(&reporter);
@@ -214,6 +295,18 @@ int main(int argc, char** argv) {
       std::printf("  %-9s  engine end to end %10.0f rules/s   helper calls alone %10.0f rules/s"
                   "   ratio engine/baseline %.2f\n",
                   mode, kRules / engine->second, kRules / base->second, engine->second / base->second);
+   }
+   {
+      auto const engine = t.find("BM_TwiceEngineImmediate/iterations:3");
+      auto const base = t.find("BM_TwiceHelperOnlyImmediate/iterations:3");
+      if (engine == t.end() || base == t.end()) {
+         std::printf("  Twice      (not run or failed)\n");
+      } else {
+         std::printf("  Twice      %d groups: engine end to end %10.0f pairs/s   helper calls alone %10.0f pairs/s"
+                     "   ratio engine/baseline %.2f\n",
+                     kTwiceGroups, kTwiceGroups / engine->second, kTwiceGroups / base->second,
+                     engine->second / base->second);
+      }
    }
    std::printf("  Memory     resident growth across the engine's start %.0f bytes/rule"
                " (heap in use %.0f bytes/rule, of which the chip's table %.0f);"

@@ -17,10 +17,18 @@ bool ChipEntryKey::operator<(ChipEntryKey const& o) const {
    if (vlan != o.vlan) return vlan < o.vlan;
    if (staticKey < o.staticKey) return true;
    if (o.staticKey < staticKey) return false;
-   return filterAddress < o.filterAddress;
+   if (filterAddress < o.filterAddress) return true;
+   if (o.filterAddress < filterAddress) return false;
+   if (group != o.group) return group < o.group;
+   return match < o.match;
 }
 
 std::string ChipEntryKey::stringValue() const {
+   if (kind == Kind::twiceForward || kind == Kind::twiceReverse) {
+      return std::string(kind == Kind::twiceForward ? "TWICE-FWD" : "TWICE-REV") + " vrf " +
+             vrfId.stringValue() + " vlan " + std::to_string(vlan) + " group " + std::to_string(group) +
+             " " + match.srcAddr().stringValue() + " -> " + match.dstAddr().stringValue();
+   }
    return std::string(kind == Kind::staticSrc ? "SNAT" : "DNAT") + " vrf " + vrfId.stringValue() +
           " vlan " + std::to_string(vlan) + " " + staticKey.stringValue() + " filter " + filterAddress.stringValue();
 }
@@ -36,7 +44,7 @@ std::size_t SimNatHelper::entriesOf(Ip::Nat::StaticKey const& key, Ulo::VrfId vr
                                     U16 vlan) const {
    std::size_t n = 0;
    for (auto kind : {ChipEntryKey::Kind::staticSrc, ChipEntryKey::Kind::staticDst}) {
-      ChipEntryKey const from{kind, vrfId, vlan, key, lowestFilter};
+      ChipEntryKey const from{kind, vrfId, vlan, key, lowestFilter, 0, {}};
       for (auto it = entries_.lower_bound(from);
            it != entries_.end() && it->first.kind == kind && it->first.vrfId == vrfId &&
            it->first.vlan == vlan && it->first.staticKey == key;
@@ -137,7 +145,7 @@ bool SimNatHelper::put(ChipEntryKey const& key, ChipEntry const& entry, bool isU
 void SimNatHelper::eraseAll(ChipEntryKey::Kind kind, U16 vlan, Ip::Nat::StaticKey const& staticKey,
                             Ulo::VrfId vrfId) {
    ++counts_.deletes;
-   ChipEntryKey const from{kind, vrfId, vlan, staticKey, lowestFilter};
+   ChipEntryKey const from{kind, vrfId, vlan, staticKey, lowestFilter, 0, {}};
    auto const inRange = [&](ChipEntryKey const& k) {
       return k.kind == kind && k.vrfId == vrfId && k.vlan == vlan && k.staticKey == staticKey;
    };
@@ -157,6 +165,14 @@ void SimNatHelper::eraseAll(ChipEntryKey::Kind kind, U16 vlan, Ip::Nat::StaticKe
    for (auto const& k : keys) {
       if (presentAfterStage(k)) stage(StagedOp{StagedOp::Kind::erase, k, ChipEntry{}});
    }
+}
+
+void SimNatHelper::eraseOne(ChipEntryKey const& key) {
+   if (immediate_) {
+      entries_.erase(key);
+      return;
+   }
+   if (presentAfterStage(key)) stage(StagedOp{StagedOp::Kind::erase, key, ChipEntry{}});
 }
 
 bool SimNatHelper::commitHwTranslations() {
@@ -190,9 +206,17 @@ bool SimNatHelper::putStatic(ChipEntryKey::Kind kind, IpAndPort const& oldIpAndP
                              U8 protocol, U16 vlan, Ip::Nat::StaticKey const& staticKey,
                              NextHop const& nextHop, MulticastInfo const& multicastInfo, bool forward,
                              Ulo::VrfId vrfId, bool isUpdate) {
-   ChipEntry const entry{oldIpAndPort, newIpAndPort, protocol, vlan, forward, Ulo::natHwNextHopId(nextHop),
-                         multicastInfo && multicastInfo->multicast()};
-   return put(ChipEntryKey{kind, vrfId, vlan, staticKey, filterAddress}, entry, isUpdate);
+   ChipEntry const entry{oldIpAndPort,
+                         newIpAndPort,
+                         protocol,
+                         vlan,
+                         forward,
+                         Ulo::natHwNextHopId(nextHop),
+                         multicastInfo && multicastInfo->multicast(),
+                         {},
+                         {},
+                         multicastInfo ? multicastInfo->oifSet() : Ulo::NatMrouteOifSet()};
+   return put(ChipEntryKey{kind, vrfId, vlan, staticKey, filterAddress, 0, {}}, entry, isUpdate);
 }
 
 } // namespace Sim

@@ -5,8 +5,11 @@
 // The chip holds a translation table of configurable capacity. It implements
 // the single-address static operations (source and destination: add, update,
 // delete); the composite operations of UloHelper::UloHelperNat split each
-// static connection into them, one per filter address. Each add takes one
-// entry of the table and is refused when the table is full.
+// static connection into them, one per filter address. It implements the
+// twice translations too: each half of a pair (forward, reverse) is one
+// entry. Each add takes one entry of the table and is refused when the table
+// is full. A multicast record given with a translation is kept with its
+// outgoing interfaces.
 //
 // Two commit modes:
 //  - immediate (immediateCommit() true): each operation is on the chip when
@@ -48,12 +51,16 @@ using Vor::U8;
 
 // One translation on the chip.
 struct ChipEntryKey {
-   enum class Kind : U8 { staticSrc = 0, staticDst = 1 };
+   enum class Kind : U8 { staticSrc = 0, staticDst = 1, twiceForward = 2, twiceReverse = 3 };
    Kind kind = Kind::staticSrc;
    Ulo::VrfId vrfId;
    U16 vlan = 0;
    Ip::Nat::StaticKey staticKey;
    Lumet::IpAddrWithFullMask filterAddress;
+   // Twice halves only: the group, and the old source and destination that
+   // the half matches (protocol 0: a delete does not name the protocol).
+   U16 group = 0;
+   Lumet::ConnTuple match;
 
    bool operator<(ChipEntryKey const& o) const;
    bool operator==(ChipEntryKey const& o) const = default;
@@ -68,6 +75,11 @@ struct ChipEntry {
    bool forward = false;
    U64 nextHopId = 0;
    bool multicast = false;
+   // Twice halves: the translated destination, and the multicast record's
+   // outgoing interfaces.
+   Lumet::IpAndPort dstOldIpAndPort;
+   Lumet::IpAndPort dstNewIpAndPort;
+   Ulo::NatMrouteOifSet oifSet;
 
    bool operator==(ChipEntry const& o) const = default;
 };
@@ -86,6 +98,13 @@ class SimNatHelper : public UloHelper::UloHelperNat {
    // Entries of one static connection (all filter addresses, both kinds).
    std::size_t entriesOf(Ip::Nat::StaticKey const& key, Ulo::VrfId vrfId, U16 vlan) const;
    std::size_t stagedCount() const { return staged_.size(); }
+   // Twice halves on the chip, and those whose other half is missing (a
+   // correct engine never leaves one).
+   std::size_t twiceEntries() const;
+   std::size_t halfTwicePairs() const;
+   // The chip entry of one twice half, or null.
+   ChipEntry const* twiceEntry(bool forward, Ulo::VrfId vrfId, U16 vlan, U16 group,
+                               Lumet::IpAndPort srcOld, Lumet::IpAndPort dstOld) const;
 
    // ---- fault injection ----
    void refuseNextIs(U32 n) { refuseNext_ = n; }
@@ -111,6 +130,10 @@ class SimNatHelper : public UloHelper::UloHelperNat {
       U64 addsDuringReplay = 0;
       // Asynchronous status hand-offs (doHandleAsyncHwStatus).
       U64 asyncHwStatus = 0;
+      // Twice helper calls, whatever their outcome.
+      U64 twiceAdds = 0;
+      U64 twiceUpdates = 0;
+      U64 twiceDeletes = 0;
    };
    Counts const& counts() const { return counts_; }
    // The order of the lifecycle calls, as words ("hwInit", "replayOn", ...),
@@ -171,6 +194,20 @@ class SimNatHelper : public UloHelper::UloHelperNat {
       return true;
    }
 
+   // Twice halves: one chip entry each (sim/SimNatHelperTwice.cpp).
+   UloHelper::NatHwResult addTwiceNatTranslation(IpAndPort srcIpAndPortOld, IpAndPort srcIpAndPortNew,
+                                      IpAndPort dstIpAndPortOld, IpAndPort dstIpAndPortNew, U8 protocol,
+                                      U16 vlan, NextHop nextHop, MulticastInfo multicastInfo, bool forward,
+                                      U16 natGroupId, Ulo::VrfId vrfId, bool dynamic) override;
+   bool delTwiceNatTranslation(IpAndPort srcIpAndPortOld, IpAndPort srcIpAndPortNew,
+                               IpAndPort dstIpAndPortOld, IpAndPort dstIpAndPortNew, U16 vlan, bool forward,
+                               U16 natGroupId, Ulo::VrfId vrfId) override;
+   UloHelper::NatHwResult updateTwiceNatTranslation(IpAndPort srcIpAndPortOld, IpAndPort srcIpAndPortNew,
+                                         IpAndPort dstIpAndPortOld, IpAndPort dstIpAndPortNew, U8 protocol,
+                                         U16 vlan, NextHop nextHop, MulticastInfo multicastInfo,
+                                         bool forward, U16 natGroupId, Ulo::VrfId vrfId,
+                                         bool dynamic) override;
+
  private:
    struct StagedOp {
       enum class Kind : U8 { put, erase } kind;
@@ -192,6 +229,7 @@ class SimNatHelper : public UloHelper::UloHelperNat {
                   MulticastInfo const& multicastInfo, bool forward, Ulo::VrfId vrfId, bool isUpdate);
    void eraseAll(ChipEntryKey::Kind kind, U16 vlan, Ip::Nat::StaticKey const& staticKey,
                  Ulo::VrfId vrfId);
+   void eraseOne(ChipEntryKey const& key);
 
    std::size_t capacity_;
    bool immediate_;

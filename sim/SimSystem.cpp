@@ -34,10 +34,23 @@ SimSystem::SimSystem(SimOptions const& options) {
                              dynamicConnectionHwStatus_, hwCapabilities_, nhMapConfig_,
                              nhMapStatus_, routeStatus_, helper_, staticNatInfo_,
                              Vor::Ptr<UloL3Intf::Table const>());
+   mcastMode_ = Vor::Ptr<Ip::Nat::McastTranslationMode>(new Ip::Nat::McastTranslationMode());
+   root_->mcastTranslationModeStatusIs(mcastMode_);
+   if (options.multicast) {
+      mrouteRequests_ = Vor::Ptr<Ulo::NatMrouteRequestSet>(new Ulo::NatMrouteRequestSet());
+      mrouteResponses_ = Vor::Ptr<Ulo::NatMrouteResponseMap>(new Ulo::NatMrouteResponseMap());
+      adapter_ = Ulo::natMulticastAdapterFactory(mrouteRequests_, mrouteResponses_,
+                                                 Vor::Ptr<Ulo::NatMgroupRequestSet>(),
+                                                 Vor::Ptr<Ulo::NatMgroupResponseMap const>(), root_.ptr());
+      root_->multicastAdapterIs(adapter_);
+      mrouteSide_ = std::make_unique<SimMrouteSide>(scheduler_, mrouteRequests_, mrouteResponses_);
+   }
 }
 
 SimSystem::~SimSystem() {
+   mrouteSide_.reset();
    root_ = nullptr;
+   adapter_ = nullptr;
    helper_ = nullptr;
    Dov::TaskSchedulerRoot::schedulerIs(nullptr);
    scheduler_ = nullptr;
@@ -103,6 +116,30 @@ void SimSystem::nextHopIs(Ulo::VrfAndIpAddr const& key, Vor::U64 nextHopId) {
    nhMapStatus_->resolvedAddrIs(key, info);
 }
 
+void SimSystem::twiceIs(Lumet::IntfId const& intf, Ip::Nat::NatTwiceConnection const& conn) {
+   auto is = intfStatusMutable(intf);
+   uloAssert(is && "twice connection on an unknown interface");
+   is->twiceNatConnectionIs(conn);
+}
+
+void SimSystem::twiceDel(Lumet::IntfId const& intf, Vor::U16 group) {
+   if (auto is = intfStatusMutable(intf)) is->twiceNatConnectionDel(group);
+}
+
+void SimSystem::mcastTranslationModeIs(Vor::U32 numTranslationTypes) {
+   mcastMode_->numTranslationTypesIs(numTranslationTypes);
+}
+
+void SimSystem::mrouteIs(SimMrouteSide::Route const& route, Ulo::NatMrouteOifSet const& oifs) {
+   uloAssert(mrouteSide_ && "multicast routes need a system built with multicast");
+   mrouteSide_->routeIs(route, oifs);
+}
+
+void SimSystem::mrouteDel(SimMrouteSide::Route const& route) {
+   uloAssert(mrouteSide_ && "multicast routes need a system built with multicast");
+   mrouteSide_->routeDel(route);
+}
+
 // ---- time ----
 
 void SimSystem::runUntilIdle() { scheduler_->runUntilIdle(); }
@@ -140,8 +177,40 @@ std::size_t SimSystem::unprogrammedStaticCount() const {
    return n;
 }
 
-std::size_t SimSystem::expectedChipEntries() const {
+std::size_t SimSystem::hwTwiceCount(Lumet::IntfId const& intf) const {
+   auto hw = hwStatus_->intfStatus(intf);
+   if (!hw) return 0;
    std::size_t n = 0;
+   for (auto const& [group, record] : hw->twiceNatConnectionHw()) n += record->entrys();
+   return n;
+}
+
+std::size_t SimSystem::hwTwiceCount() const {
+   std::size_t n = 0;
+   for (auto const& [intf, hw] : hwStatus_->intfStatus()) n += hwTwiceCount(intf);
+   return n;
+}
+
+std::size_t SimSystem::unprogrammedTwiceCount(Lumet::IntfId const& intf) const {
+   auto const& natSmStatus = root_->natSmStatus();
+   if (!natSmStatus) return 0;
+   auto ue = natSmStatus->unprogrammedEntries(intf);
+   return ue ? ue->twiceEntries().size() : 0;
+}
+
+std::size_t SimSystem::unprogrammedTwiceCount() const {
+   auto const& natSmStatus = root_->natSmStatus();
+   if (!natSmStatus) return 0;
+   std::size_t n = 0;
+   for (auto it = natSmStatus->unprogrammedEntries().begin(); it; ++it) {
+      if (it.isLive()) n += it.value()->twiceEntries().size();
+   }
+   return n;
+}
+
+std::size_t SimSystem::expectedChipEntries() const {
+   // Both halves of every twice entry.
+   std::size_t n = 2 * hwTwiceCount();
    for (auto const& [intf, hw] : hwStatus_->intfStatus()) {
       for (auto const& [key, entry] : hw->staticConnectionHw()) {
          std::size_t const filters = entry->filterAddress().size() ? entry->filterAddress().size() : 1;

@@ -23,6 +23,7 @@
 
 #include "UloNat/UloNatSm.h"
 #include "framework/VorLog.h"
+#include "sim/SimMrouteSide.h"
 #include "sim/SimNatHelper.h"
 
 namespace Sim {
@@ -37,6 +38,9 @@ struct SimOptions {
    bool natCountersSupported = false;
    bool hwNatProfileSupported = false;
    double counterPollingInterval = 0.0;
+   // Builds the multicast adapter, its request set and response map, and a
+   // simulated routing side that answers them.
+   bool multicast = false;
 };
 
 class SimSystem {
@@ -64,6 +68,13 @@ class SimSystem {
    void counterStatusIs(bool on);
    // The route resolver's answer for a watched address (id 0 removes it).
    void nextHopIs(Ulo::VrfAndIpAddr const& key, Vor::U64 nextHopId);
+   // Adds or replaces the twice rule of a group on an interface.
+   void twiceIs(Lumet::IntfId const& intf, Ip::Nat::NatTwiceConnection const& conn);
+   void twiceDel(Lumet::IntfId const& intf, Vor::U16 group);
+   void mcastTranslationModeIs(Vor::U32 numTranslationTypes);
+   // The routing side's multicast routes. REQUIRES: options.multicast.
+   void mrouteIs(SimMrouteSide::Route const& route, Ulo::NatMrouteOifSet const& oifs);
+   void mrouteDel(SimMrouteSide::Route const& route);
 
    // ---- time ----
    void runUntilIdle();
@@ -88,6 +99,19 @@ class SimSystem {
    Vor::Ptr<Routing::Hardware::RouteStatus> const& routeStatus() const { return routeStatus_; }
    Vor::Ptr<Dov::TaskScheduler> const& scheduler() const { return scheduler_; }
    Vor::CapturingLogSink const& logs() const { return *logs_; }
+   Vor::Ptr<Ip::Nat::McastTranslationMode> const& mcastTranslationMode() const { return mcastMode_; }
+   // Null without options.multicast.
+   Vor::Ptr<Ulo::NatMulticastAdapter> const& multicastAdapter() const { return adapter_; }
+   Vor::Ptr<Ulo::NatMrouteRequestSet> const& mrouteRequestSet() const { return mrouteRequests_; }
+   Vor::Ptr<Ulo::NatMrouteResponseMap> const& mrouteResponseMap() const { return mrouteResponses_; }
+   SimMrouteSide* mrouteSide() const { return mrouteSide_.get(); }
+
+   // Twice entries (tuples) in hardware status, of an interface / of all.
+   std::size_t hwTwiceCount(Lumet::IntfId const& intf) const;
+   std::size_t hwTwiceCount() const;
+   // Unprogrammed twice entries, of an interface / of all.
+   std::size_t unprogrammedTwiceCount(Lumet::IntfId const& intf) const;
+   std::size_t unprogrammedTwiceCount() const;
 
    // Static entries of an interface in hardware status (0 when it has none).
    std::size_t hwStaticCount(Lumet::IntfId const& intf) const;
@@ -96,7 +120,8 @@ class SimSystem {
    std::size_t unprogrammedStaticCount(Lumet::IntfId const& intf) const;
    std::size_t unprogrammedStaticCount() const;
    // Entries the chip would hold for what hardware status says is in force:
-   // one per filter address (at least one) and per programmed direction.
+   // one per filter address (at least one) and per programmed direction of
+   // a static connection, two per twice entry.
    std::size_t expectedChipEntries() const;
 
  private:
@@ -115,7 +140,12 @@ class SimSystem {
    Vor::Ptr<Routing::Hardware::RouteStatus> routeStatus_;
    Vor::Ptr<SimNatHelper> helper_;
    Vor::Ptr<MrouteLib::StaticNatInfo> staticNatInfo_;
+   Vor::Ptr<Ip::Nat::McastTranslationMode> mcastMode_;
+   Vor::Ptr<Ulo::NatMrouteRequestSet> mrouteRequests_;
+   Vor::Ptr<Ulo::NatMrouteResponseMap> mrouteResponses_;
    Vor::Ptr<Ulo::NatSm> root_;
+   Vor::Ptr<Ulo::NatMulticastAdapter> adapter_;
+   std::unique_ptr<SimMrouteSide> mrouteSide_;
 };
 
 // Text forms used by the simulator and the scenario files.

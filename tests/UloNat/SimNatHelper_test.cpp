@@ -23,7 +23,7 @@ Vor::U16 const vlan = 10;
 // The entry of `kind` for the one key and filter address of these tests; a
 // default entry when there is none.
 ChipEntry entryAt(Sim::SimNatHelper const& chip, ChipEntryKey::Kind kind) {
-   auto it = chip.entries().find(ChipEntryKey{kind, vrf, vlan, key, filter});
+   auto it = chip.entries().find(ChipEntryKey{kind, vrf, vlan, key, filter, 0, {}});
    EXPECT_NE(it, chip.entries().end());
    return it == chip.entries().end() ? ChipEntry{} : it->second;
 }
@@ -58,9 +58,9 @@ TEST(SimNatHelper, SingleAddressOperationsRecordWhatTheyWereGiven) {
    EXPECT_EQ(chip->counts().adds, 2u);
    EXPECT_EQ(chip->counts().updates, 0u);
 
-   EXPECT_EQ(entryAt(*chip, ChipEntryKey::Kind::staticSrc), (ChipEntry{local, global, 6, vlan, true, 0, false}));
+   EXPECT_EQ(entryAt(*chip, ChipEntryKey::Kind::staticSrc), (ChipEntry{local, global, 6, vlan, true, 0, false, {}, {}, {}}));
    EXPECT_EQ(entryAt(*chip, ChipEntryKey::Kind::staticDst),
-             (ChipEntry{global, local, 17, vlan, false, 4001, false}));
+             (ChipEntry{global, local, 17, vlan, false, 4001, false, {}, {}, {}}));
 
    // Updates replace the entry of their own kind in place and take no room.
    chip->capacityIs(2);
@@ -73,8 +73,8 @@ TEST(SimNatHelper, SingleAddressOperationsRecordWhatTheyWereGiven) {
    EXPECT_EQ(chip->counts().adds, 2u);
    EXPECT_EQ(chip->counts().updates, 2u);
 
-   EXPECT_EQ(entryAt(*chip, ChipEntryKey::Kind::staticSrc), (ChipEntry{local, other, 6, vlan, false, 4001, true}));
-   EXPECT_EQ(entryAt(*chip, ChipEntryKey::Kind::staticDst), (ChipEntry{other, local, 6, vlan, true, 0, true}));
+   EXPECT_EQ(entryAt(*chip, ChipEntryKey::Kind::staticSrc), (ChipEntry{local, other, 6, vlan, false, 4001, true, {}, {}, {}}));
+   EXPECT_EQ(entryAt(*chip, ChipEntryKey::Kind::staticDst), (ChipEntry{other, local, 6, vlan, true, 0, true, {}, {}, {}}));
 
    // The table is full: a new address is refused, whichever kind asks.
    IpAddrWithFullMask const filter2(IpAddr(0xcb007100u), 0xffffff00u);

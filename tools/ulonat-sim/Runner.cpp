@@ -38,6 +38,49 @@ void check(Sim::SimSystem const& sys, Event const& e, Report& report) {
       expectEq("chip entries for what hardware status holds", sys.expectedChipEntries(),
                sys.helper()->entries().size());
    }
+   if (x.hwTwiceTotal) expectEq("twice entries in hardware status", *x.hwTwiceTotal, sys.hwTwiceCount());
+   for (auto const& [intf, n] : x.hwTwice) {
+      expectEq("twice entries in hardware status of " + intf, n, sys.hwTwiceCount(Lumet::IntfId(intf)));
+   }
+   if (x.unprogrammedTwiceTotal) {
+      expectEq("unprogrammed twice entries", *x.unprogrammedTwiceTotal, sys.unprogrammedTwiceCount());
+   }
+   for (auto const& [intf, n] : x.unprogrammedTwice) {
+      expectEq("unprogrammed twice entries of " + intf, n, sys.unprogrammedTwiceCount(Lumet::IntfId(intf)));
+   }
+   if (x.chipTwiceEntries) expectEq("twice halves on the chip", *x.chipTwiceEntries, sys.helper()->twiceEntries());
+   if (x.halfPairs) expectEq("half twice pairs on the chip", *x.halfPairs, sys.helper()->halfTwicePairs());
+   if (x.staticOifs) {
+      Ulo::NatMrouteOifSet want;
+      for (auto const& name : x.staticOifs->oifs) want.oifIs(Lumet::IntfId(name));
+      std::size_t entries = 0;
+      for (auto const& [key, entry] : sys.helper()->entries()) {
+         if (key.staticKey != x.staticOifs->key || key.kind != Sim::ChipEntryKey::Kind::staticDst) continue;
+         ++entries;
+         if (!(entry.oifSet == want)) {
+            misses.push_back("outgoing interfaces of " + key.stringValue() + " expected " + want.stringValue() +
+                             ", got " + entry.oifSet.stringValue());
+         }
+      }
+      if (entries == 0) misses.push_back("no destination entry on the chip for " + x.staticOifs->key.stringValue());
+   }
+   if (x.twiceNextHop) {
+      std::size_t halves = 0;
+      auto const kind = x.twiceNextHop->forward ? Sim::ChipEntryKey::Kind::twiceForward
+                                                : Sim::ChipEntryKey::Kind::twiceReverse;
+      for (auto const& [key, entry] : sys.helper()->entries()) {
+         if (key.kind != kind || key.group != x.twiceNextHop->group) continue;
+         ++halves;
+         expectEq("next hop of " + key.stringValue(), x.twiceNextHop->nextHopId, entry.nextHopId);
+      }
+      if (halves == 0) misses.push_back("no twice half of group " + std::to_string(x.twiceNextHop->group));
+   }
+   auto const& counts = sys.helper()->counts();
+   std::map<std::string, std::size_t> const calls{
+      {"adds", counts.adds},           {"deletes", counts.deletes},
+      {"updates", counts.updates},     {"twiceAdds", counts.twiceAdds},
+      {"twiceDeletes", counts.twiceDeletes}, {"twiceUpdates", counts.twiceUpdates}};
+   for (auto const& [name, n] : x.helperCalls) expectEq("helper calls " + name, n, calls.at(name));
    if (misses.empty()) {
       report.passed.push_back(at + "ok");
    } else {
@@ -94,6 +137,21 @@ Report runScenario(Scenario const& scenario) {
          sys.counterStatusIs(e.value);
       } else if (e.kind == "nextHop") {
          sys.nextHopIs(Ulo::VrfAndIpAddr(e.vrfId, e.addr), e.nextHopId);
+      } else if (e.kind == "twiceAdd") {
+         if (sys.status()->intfStatus(Lumet::IntfId(e.intf))) {
+            sys.twiceIs(Lumet::IntfId(e.intf), *e.twice);
+         } else {
+            report.failures.push_back("at " + timeText(sys.now()) + " s, " + e.label + ": interface " +
+                                      e.intf + " is not configured; rule ignored");
+         }
+      } else if (e.kind == "twiceDel") {
+         sys.twiceDel(Lumet::IntfId(e.intf), e.group);
+      } else if (e.kind == "mcastMode") {
+         sys.mcastTranslationModeIs(static_cast<Vor::U32>(e.count));
+      } else if (e.kind == "mroute") {
+         sys.mrouteIs(e.route, e.oifs);
+      } else if (e.kind == "mrouteDel") {
+         sys.mrouteDel(e.route);
       } else if (e.kind == "capacity") {
          sys.helper()->capacityIs(e.count);
       } else if (e.kind == "refuseNext") {
@@ -125,6 +183,8 @@ Report runScenario(Scenario const& scenario) {
    for (auto const& [intf, is] : sys.status()->intfStatus()) {
       if (!sys.root()->natIntfStatusSm(intf)) report.interfacesWithoutEngine.push_back(intf.stringValue());
    }
+   report.hwTwice = sys.hwTwiceCount();
+   report.unprogrammedTwice = sys.unprogrammedTwiceCount();
    report.hwStatic = sys.hwStaticCount();
    report.unprogrammed = sys.unprogrammedStaticCount();
    report.chipEntries = sys.helper()->entries().size();
@@ -133,7 +193,12 @@ Report runScenario(Scenario const& scenario) {
       std::ostringstream os;
       os << entry.oldIpAndPort.stringValue() << " -> " << entry.newIpAndPort.stringValue()
          << " proto " << int(entry.protocol);
+      if (entry.dstNewIpAndPort.isSet()) {
+         os << " dst " << entry.dstOldIpAndPort.stringValue() << " -> " << entry.dstNewIpAndPort.stringValue();
+      }
       if (entry.nextHopId) os << " nexthop " << entry.nextHopId;
+      if (entry.multicast) os << " multicast";
+      if (entry.oifSet.oifs()) os << " oifs " << entry.oifSet.stringValue();
       report.chip.push_back(ChipLine{key.stringValue(), os.str()});
    }
    for (auto const& m : sys.logs().messages()) {
@@ -164,6 +229,7 @@ void printReport(std::ostream& os, Report const& r) {
    os << "\nAt the end:\n";
    os << "Static entries in hardware status: " << r.hwStatic << "\n";
    os << "Unprogrammed static entries: " << r.unprogrammed << "\n";
+   os << "Twice entries in hardware status: " << r.hwTwice << " (unprogrammed: " << r.unprogrammedTwice << ")\n";
    os << "Chip: " << r.chipEntries << " of " << r.chipCapacity << " entries\n";
    for (auto const& c : r.chip) os << "  " << c.key << ": " << c.translation << "\n";
    os << "\nMessages:\n";
@@ -190,6 +256,8 @@ nlohmann::json reportJson(Report const& r) {
    j["interfacesWithoutEngine"] = r.interfacesWithoutEngine;
    j["hwStatic"] = r.hwStatic;
    j["unprogrammed"] = r.unprogrammed;
+   j["hwTwice"] = r.hwTwice;
+   j["unprogrammedTwice"] = r.unprogrammedTwice;
    j["chip"] = {{"entries", r.chipEntries}, {"capacity", r.chipCapacity}, {"table", nlohmann::json::array()}};
    for (auto const& c : r.chip) j["chip"]["table"].push_back({{"key", c.key}, {"translation", c.translation}});
    j["checkpoints"] = nlohmann::json::array();

@@ -47,6 +47,8 @@ struct Report {
    std::vector<EngineLine> engines;
    std::vector<std::string> interfacesWithoutEngine;
    std::size_t hwStatic = 0;
+   std::size_t hwTwice = 0;
+   std::size_t unprogrammedTwice = 0;
    std::size_t chipEntries = 0;
    std::size_t chipCapacity = 0;
    std::vector<ChipLine> chip;

@@ -97,6 +97,8 @@ class Fields {
       }
    }
    void used(char const* field) const { used_.insert(field); }
+   std::string const& file() const { return file_; }
+   std::string const& where() const { return where_; }
 
  private:
    std::string file_;
@@ -143,6 +145,40 @@ Ip::Nat::NatStaticConnection staticConnectionOf(Fields const& f) {
    return conn;
 }
 
+std::vector<std::string> intfList(Fields const& f, char const* field) {
+   json const& v = f.raw(field);
+   if (!v.is_array()) f.fail(field, "must be a list of interface names");
+   std::vector<std::string> out;
+   for (auto const& item : v) {
+      if (!item.is_string() || !Lumet::IntfId::parse(item.get<std::string>())) {
+         f.fail(field, "each member must be an interface name");
+      }
+      out.push_back(item.get<std::string>());
+   }
+   return out;
+}
+
+Ip::Nat::NatTwiceConnection twiceConnectionOf(Fields const& f) {
+   auto const group = static_cast<Vor::U16>(f.integer("group", 1, 65535));
+   // A zero old address makes half a rule, which dynamic connections complete.
+   Lumet::IpAndPort const srcOld = f.ipAndPort("srcOld");
+   Lumet::IpAndPort const dstOld = f.ipAndPort("dstOld");
+   Lumet::IpAndPort const srcNew = f.ipAndPort("srcNew");
+   Lumet::IpAndPort const dstNew = f.ipAndPort("dstNew");
+   auto const protocol = static_cast<Vor::U8>(f.integer("protocol", 0, 255, 0));
+   auto const vlan = static_cast<Vor::U16>(f.integer("vlan", 1, 4094));
+   return Ip::Nat::NatTwiceConnection(group, srcOld, dstOld, srcNew, dstNew, protocol, vlan);
+}
+
+Sim::SimMrouteSide::Route routeOf(Fields const& f) {
+   Sim::SimMrouteSide::Route route;
+   route.vlanId = static_cast<Vor::U16>(f.integer("vlan", 1, 4094));
+   if (f.has("source")) route.sourceIp = f.ip("source");
+   if (f.has("group")) route.groupIp = f.ip("group");
+   if (route.sourceIp.isZero() && route.groupIp.isZero()) f.fail("group", "a route needs a source or a group");
+   return route;
+}
+
 std::map<std::string, std::size_t> countMap(Fields const& f, char const* field) {
    std::map<std::string, std::size_t> out;
    json const& v = f.raw(field);
@@ -184,6 +220,39 @@ Expectation expectationOf(Fields const& f) {
       }
    }
    e.chipMatchesHwStatus = f.boolean("chipMatchesHwStatus", false);
+   totalOrMap("hwTwice", e.hwTwiceTotal, e.hwTwice);
+   totalOrMap("unprogrammedTwice", e.unprogrammedTwiceTotal, e.unprogrammedTwice);
+   if (f.has("chipTwiceEntries")) {
+      e.chipTwiceEntries = f.integer("chipTwiceEntries", 0, std::numeric_limits<std::size_t>::max());
+   }
+   if (f.has("halfPairs")) e.halfPairs = f.integer("halfPairs", 0, std::numeric_limits<std::size_t>::max());
+   if (f.has("staticOifs")) {
+      Fields const r(f.file(), f.where() + ", staticOifs", f.raw("staticOifs"));
+      Expectation::RuleOifs rule;
+      rule.intf = r.intf("intf");
+      rule.key = staticKeyOf(r);
+      rule.oifs = intfList(r, "oifs");
+      r.noOthers();
+      e.staticOifs = rule;
+   }
+   if (f.has("twiceNextHop")) {
+      Fields const r(f.file(), f.where() + ", twiceNextHop", f.raw("twiceNextHop"));
+      Expectation::TwiceNextHop hop;
+      hop.group = static_cast<Vor::U16>(r.integer("group", 1, 65535));
+      hop.forward = r.boolean("forward", true);
+      hop.nextHopId = r.integer("nextHopId", 0, std::numeric_limits<Vor::U64>::max());
+      r.noOthers();
+      e.twiceNextHop = hop;
+   }
+   if (f.has("helperCalls")) {
+      e.helperCalls = countMap(f, "helperCalls");
+      for (auto const& [name, n] : e.helperCalls) {
+         if (name != "adds" && name != "deletes" && name != "updates" && name != "twiceAdds" &&
+             name != "twiceDeletes" && name != "twiceUpdates") {
+            f.fail("helperCalls", "'" + name + "' is not a counted helper call");
+         }
+      }
+   }
    return e;
 }
 
@@ -211,6 +280,7 @@ Scenario loadScenario(std::string const& file, json const& doc) {
       s.options.natCountersSupported = caps.boolean("natCountersSupported", false);
       caps.noOthers();
    }
+   s.options.multicast = top.boolean("multicastRouting", false);
    if (top.has("helper")) {
       Fields const helper(file, "helper", top.raw("helper"));
       s.options.hwNatProfileSupported = helper.boolean("hwNatProfileSupported", false);
@@ -280,6 +350,20 @@ Scenario loadScenario(std::string const& file, json const& doc) {
          e.vrfId = static_cast<Vor::U32>(f.integer("vrfId", 0, 0xffffffffu));
          e.addr = f.ip("addr");
          e.nextHopId = f.integer("nextHopId", 0, std::numeric_limits<Vor::U64>::max());
+      } else if (e.kind == "twiceAdd") {
+         e.intf = f.intf("intf");
+         e.twice = twiceConnectionOf(f);
+      } else if (e.kind == "twiceDel") {
+         e.intf = f.intf("intf");
+         e.group = static_cast<Vor::U16>(f.integer("group", 1, 65535));
+      } else if (e.kind == "mcastMode") {
+         e.count = f.integer("value", 0, 255);
+      } else if (e.kind == "mroute" || e.kind == "mrouteDel") {
+         if (!s.options.multicast) f.fail("event", "multicast routes need \"multicastRouting\": true");
+         e.route = routeOf(f);
+         if (e.kind == "mroute") {
+            for (auto const& name : intfList(f, "oifs")) e.oifs.oifIs(Lumet::IntfId(name));
+         }
       } else if (e.kind == "capacity") {
          e.count = f.integer("value", 0, 100000000);
       } else if (e.kind == "refuseNext" || e.kind == "failNextCommit") {

@@ -27,6 +27,30 @@ struct Expectation {
    std::map<std::string, std::size_t> logs;
    std::optional<std::size_t> engines;
    bool chipMatchesHwStatus = false;
+   std::optional<std::size_t> hwTwiceTotal;
+   std::map<std::string, std::size_t> hwTwice;
+   std::optional<std::size_t> unprogrammedTwiceTotal;
+   std::map<std::string, std::size_t> unprogrammedTwice;
+   std::optional<std::size_t> chipTwiceEntries;
+   std::optional<std::size_t> halfPairs;
+   // The outgoing interfaces that every chip entry of a static rule carries.
+   struct RuleOifs {
+      std::string intf;
+      Ip::Nat::StaticKey key;
+      std::vector<std::string> oifs;
+   };
+   std::optional<RuleOifs> staticOifs;
+   // The next hop that every chip half of a twice group in one direction
+   // carries.
+   struct TwiceNextHop {
+      Vor::U16 group = 0;
+      bool forward = true;
+      Vor::U64 nextHopId = 0;
+   };
+   std::optional<TwiceNextHop> twiceNextHop;
+   // Helper calls so far, by name ("adds", "deletes", "twiceAdds",
+   // "twiceDeletes", "updates", "twiceUpdates").
+   std::map<std::string, std::size_t> helperCalls;
 };
 
 struct Event {
@@ -45,6 +69,10 @@ struct Event {
    Vor::U64 count = 0;
    Lumet::IpAddr addr;
    Vor::U64 nextHopId = 0;
+   std::optional<Ip::Nat::NatTwiceConnection> twice;
+   Vor::U16 group = 0;
+   Sim::SimMrouteSide::Route route;
+   Ulo::NatMrouteOifSet oifs;
    Expectation expect;
 };
 
