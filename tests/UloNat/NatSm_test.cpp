@@ -222,6 +222,37 @@ TEST_F(NatSmTest, NextHopRequestsAreCountedPerVrfAndAddress) {
    EXPECT_EQ(sys().root()->natSmStatus()->natSmStatusVrf(0)->routeResolverRefCount().size(), 0u);
 }
 
+// A rule edited in place gives its old address back: answers for the old
+// address no longer reach the engine, and nothing is left once it goes.
+TEST_F(NatSmTest, ARuleEditedInPlaceFollowsOnlyItsNewAddress) {
+   SimOptions options;
+   options.destinationNatNextHopNeeded = true;
+   startWithEth1(options);
+   Ulo::VrfAndIpAddr const oldAddr(0, Lumet::IpAddr(10, 0, 0, 10));
+   Ulo::VrfAndIpAddr const newAddr(0, Lumet::IpAddr(10, 0, 0, 11));
+   auto const before = rule("192.0.2.10", "10.0.0.10", Ip::Nat::destination);
+   auto const after = rule("192.0.2.10", "10.0.0.11", Ip::Nat::destination);
+   sys().staticIs(eth1, before);
+   sys().root()->natIntfStatusSm(eth1)->handleStaticConnection(before.key());   // delivered again
+   sys().staticIs(eth1, after);
+   auto const vrf0 = sys().root()->natSmStatus()->natSmStatusVrf(0);
+   EXPECT_FALSE(sys().nhMapConfig()->routeResolverRequest(oldAddr));
+   EXPECT_TRUE(sys().nhMapConfig()->routeResolverRequest(newAddr));
+   EXPECT_FALSE(vrf0->ipAddrIntfInfo(oldAddr.ipAddr()));
+   EXPECT_EQ(vrf0->routeResolverRefCount(newAddr.ipAddr()), 1u);
+
+   auto const updates = sys().helper()->counts().updates;
+   sys().nextHopIs(oldAddr, 4001);
+   EXPECT_EQ(sys().helper()->counts().updates, updates);
+   sys().nextHopIs(newAddr, 4002);
+   EXPECT_GT(sys().helper()->counts().updates, updates);
+
+   sys().staticDel(eth1, after.key());
+   EXPECT_EQ(sys().nhMapConfig()->routeResolverRequest().size(), 0u);
+   EXPECT_EQ(vrf0->routeResolverRefCount().size(), 0u);
+   EXPECT_EQ(vrf0->ipAddrIntfInfos(), 0u);
+}
+
 TEST_F(NatSmTest, RefusedRulesWaitAndAreRetriedEveryFiveSeconds) {
    SimOptions options;
    options.capacity = 4;
