@@ -18,39 +18,6 @@ Vor::U16 intfProfileId(Lumet::IntfId const& intfId) {
    return Lumet::NatIntfId::profileId(intfId);
 }
 
-// ---- reactors ----
-
-NatIntfStatusSm::VorIntfStatus::VorIntfStatus(NatIntfStatusSm* sm)
-    : Reactor(sm, [] () -> Bindings const& {
-         // Trap rules get their binding with the capability that handles
-         // them.
-         static Bindings const b{
-            onKey<Lumet::IntfId>(Ip::Nat::IntfStatus::validIntfId,
-                                 &NatIntfStatusSm::handleNatIntfProfile),
-            onKey<Ip::Nat::StaticKey>(Ip::Nat::IntfStatus::staticConnectionId,
-                                      &NatIntfStatusSm::handleStaticConnection),
-            // The handler takes its group by value.
-            onKey<Vor::U16>(Ip::Nat::IntfStatus::twiceNatConnectionId,
-                            std::function<void(NatIntfStatusSm&, Vor::U16 const&)>(
-                               [](NatIntfStatusSm& sm, Vor::U16 const& group) {
-                                  sm.handleTwiceNatConnection(group);
-                               })),
-         };
-         return b;
-      }()) {}
-
-NatIntfStatusSm::VorStaticBacklogTask::VorStaticBacklogTask(NatIntfStatusSm* sm)
-    : Reactor(sm, [] () -> Bindings const& {
-         static Bindings const b{onEvent(Dov::Task::taskRunId, &NatIntfStatusSm::doProcessBacklogStatic)};
-         return b;
-      }()) {}
-
-NatIntfStatusSm::VorDynamicBacklogTask::VorDynamicBacklogTask(NatIntfStatusSm* sm)
-    : Reactor(sm, [] () -> Bindings const& {
-         static Bindings const b{onEvent(Dov::Task::taskRunId, &NatIntfStatusSm::doProcessBacklogDynamic)};
-         return b;
-      }()) {}
-
 // ---- construction ----
 
 NatIntfStatusSm::NatIntfStatusSm(
@@ -64,7 +31,6 @@ NatIntfStatusSm::NatIntfStatusSm(
    Ptr<Dov::TaskScheduler> const& taskScheduler, VrfId vrfId,
    Ptr<NatMulticastAdapter> const& multicastAdapter)
     : UloBaseSm(commonSmData),
-      intfStatus_(this, [this] { return std::make_unique<VorIntfStatus>(this); }),
       status_(status),
       hwStatus_(hwStatus),
       dynamicConnectionStatus_(dynamicConnectionStatus),
@@ -78,10 +44,8 @@ NatIntfStatusSm::NatIntfStatusSm(
       vrfId_(vrfId),
       multicastAdapter_(multicastAdapter),
       natIntf_(intfStatus ? intfStatus->intfId() : Lumet::IntfId()),
-      staticBacklogTask_(this, [this] { return std::make_unique<VorStaticBacklogTask>(this); }),
-      dynamicBacklogTask_(this, [this] { return std::make_unique<VorDynamicBacklogTask>(this); }),
       unprogrammed_(natSmStatus, natSmStatusNotif, natIntf_) {
-   intfStatus_.notifierIs(intfStatus);
+   intfStatus_.attach(intfStatus);
    cleanupInProgress_ = false;
    connectionInitInProgress_ = true;
    // The trap-rule member reactors are made here once trap rules are handled

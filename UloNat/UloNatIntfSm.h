@@ -140,21 +140,6 @@ Vor::U16 intfProfileId(Lumet::IntfId const& intf);
 
 class NatIntfStatusSm : public UloBaseSm {
  public:
-   // Reactor on the interface's configuration.
-   class VorIntfStatus : public Vor::Reactor<Ip::Nat::IntfStatus, NatIntfStatusSm> {
-    public:
-      explicit VorIntfStatus(NatIntfStatusSm* sm);
-   };
-   // Reactors on the two backlog tasks.
-   class VorStaticBacklogTask : public Vor::Reactor<Dov::Task, NatIntfStatusSm> {
-    public:
-      explicit VorStaticBacklogTask(NatIntfStatusSm* sm);
-   };
-   class VorDynamicBacklogTask : public Vor::Reactor<Dov::Task, NatIntfStatusSm> {
-    public:
-      explicit VorDynamicBacklogTask(NatIntfStatusSm* sm);
-   };
-
    using StaticWatchedAddrIndex = WatchedAddrIndex<Ip::Nat::StaticKey, Lumet::IpAddr>;
    using TwiceWatchedAddrIndex = WatchedAddrIndex<TwiceNatKey, TwiceNatWatchedAddr>;
    using DynamicWatchedAddrIndex = WatchedAddrIndex<Lumet::ConnTuple, Lumet::IpAddr>;
@@ -388,7 +373,19 @@ class NatIntfStatusSm : public UloBaseSm {
    Ptr<Ip::Nat::HwIntfStatus> hwIntfStatus() const;
 
    // Scalars and collaborators, in declared order.
-   Vor::ReactorSlot<VorIntfStatus> intfStatus_;
+   // The interface's configuration. Trap rules get their binding with the
+   // capability that handles them.
+   Vor::Watch<Ip::Nat::IntfStatus, NatIntfStatusSm,
+              Vor::OnKey<Ip::Nat::IntfStatus::validIntfId,
+                         static_cast<void (NatIntfStatusSm::*)(Lumet::IntfId const&)>(
+                            &NatIntfStatusSm::handleNatIntfProfile)>,
+              Vor::OnKey<Ip::Nat::IntfStatus::staticConnectionId,
+                         static_cast<void (NatIntfStatusSm::*)(Ip::Nat::StaticKey const&)>(
+                            &NatIntfStatusSm::handleStaticConnection)>,
+              Vor::OnKey<Ip::Nat::IntfStatus::twiceNatConnectionId,
+                         static_cast<void (NatIntfStatusSm::*)(Vor::U16)>(
+                            &NatIntfStatusSm::handleTwiceNatConnection)>>
+      intfStatus_{this};
    Ptr<Ip::Nat::Status const> status_;
    Ptr<Ip::Nat::HwStatus> hwStatus_;
    Ptr<Ip::Nat::DynamicConnectionStatus> dynamicConnectionStatus_;
@@ -422,9 +419,13 @@ class NatIntfStatusSm : public UloBaseSm {
    std::map<NatMrouteKey, Vor::U16> mrouteTwiceGroup_;
    std::map<NatMrouteKey, Lumet::ConnTuple> mrouteTwiceAddr_;
    Ptr<Dov::Task> staticTask_;
-   Vor::ReactorSlot<VorStaticBacklogTask> staticBacklogTask_;
+   Vor::Watch<Dov::Task, NatIntfStatusSm,
+              Vor::OnEvent<Dov::Task::taskRunId, &NatIntfStatusSm::doProcessBacklogStatic>>
+      staticBacklogTask_{this};
    Ptr<Dov::Task> dynamicTask_;
-   Vor::ReactorSlot<VorDynamicBacklogTask> dynamicBacklogTask_;
+   Vor::Watch<Dov::Task, NatIntfStatusSm,
+              Vor::OnEvent<Dov::Task::taskRunId, &NatIntfStatusSm::doProcessBacklogDynamic>>
+      dynamicBacklogTask_{this};
    bool cleanupInProgress_ = false;
    bool connectionInitInProgress_ = true;
    UnprogrammedBook unprogrammed_;

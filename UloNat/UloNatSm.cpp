@@ -36,118 +36,6 @@ char const* natTypeTaskName(NatType type) {
 
 } // namespace
 
-// ---- reactors ----
-
-NatSm::VorStatus::VorStatus(NatSm* sm)
-    : Reactor(sm, [] () -> Bindings const& {
-         static Bindings const b{
-            onMembers<Lumet::IntfId>(
-               Ip::Nat::Status::intfStatusId, &NatSm::handleNatIntfStatus, &NatSm::intfStatus_,
-               [](Ip::Nat::Status const& n, Lumet::IntfId const& k) { return n.intfStatus(k); },
-               [](Ip::Nat::Status const& n, auto const& visit) {
-                  for (auto const& [k, v] : n.intfStatus()) visit(k, v);
-               }),
-            onScalar(Ip::Nat::Status::counterStatusId, &NatSm::handleCounterStatus),
-            onScalar(Ip::Nat::Status::staticAclSharingStatusId,
-                     &NatSm::handleStaticAclSharingStatus),
-         };
-         return b;
-      }()) {}
-
-NatSm::VorIntfStatus::VorIntfStatus(NatSm* sm, Lumet::IntfId const& intf)
-    : Reactor(this, [] () -> Bindings const& {
-         static Bindings const b{
-            onScalar(Ip::Nat::IntfStatus::vrfNameId, &VorIntfStatus::handleVrfName)};
-         return b;
-      }()),
-      sm_(sm),
-      intf_(intf) {}
-
-void NatSm::VorIntfStatus::handleVrfName() { sm_->handleNatIntfStatus(intf_); }
-
-NatSm::VorRoutingHwRouteStatus::VorRoutingHwRouteStatus(NatSm* sm)
-    : Reactor(sm, [] () -> Bindings const& {
-         static Bindings const b{onMembers<L3::VrfName>(
-            Routing::Hardware::RouteStatus::vrfStatusId, &NatSm::handleVrf, &NatSm::vrfStatus_,
-            [](Routing::Hardware::RouteStatus const& n, L3::VrfName const& k) {
-               return n.vrfStatus(k);
-            },
-            [](Routing::Hardware::RouteStatus const& n, auto const& visit) {
-               for (auto const& [k, v] : n.vrfStatus()) visit(k, v);
-            })};
-         return b;
-      }()) {}
-
-NatSm::VorVrfStatus::VorVrfStatus(NatSm* sm, L3::VrfName const& vrf)
-    : Reactor(this, [] () -> Bindings const& {
-         static Bindings const b{
-            onScalar(Routing::Hardware::VrfStatus::vrfIdId, &VorVrfStatus::handleVrfId)};
-         return b;
-      }()),
-      sm_(sm),
-      vrf_(vrf) {}
-
-void NatSm::VorVrfStatus::handleVrfId() { sm_->handleVrf(vrf_); }
-
-NatSm::VorDynamicConnectionStatus::VorDynamicConnectionStatus(NatSm* sm)
-    : Reactor(sm, [] () -> Bindings const& {
-         static Bindings const b{onKey<Ip::Nat::DynamicConnectionKey>(
-            Ip::Nat::DynamicConnectionStatus::dynamicConnectionId, &NatSm::handleDynamicConnection)};
-         return b;
-      }()) {}
-
-NatSm::VorNhMapStatus::VorNhMapStatus(NatSm* sm)
-    : Reactor(sm, [] () -> Bindings const& {
-         static Bindings const b{onKey<VrfAndIpAddr>(NextHopMapStatus::resolvedAddrId,
-                                                     &NatSm::handleNextHopUpdate)};
-         return b;
-      }()) {}
-
-NatSm::VorNatSmStatusNotif::VorNatSmStatusNotif(NatSm* sm)
-    : Reactor(sm, [] () -> Bindings const& {
-         static Bindings const b{onScalar(NatSmStatusNotif::kickUnprogrammedReviewId,
-                                          &NatSm::startUnprogrammedReview)};
-         return b;
-      }()) {}
-
-NatSm::VorMcastTranslationModeStatus::VorMcastTranslationModeStatus(NatSm* sm)
-    : Reactor(sm, [] () -> Bindings const& {
-         static Bindings const b{onEvent(Ip::Nat::McastTranslationMode::numTranslationTypesAttribute,
-                                         &NatSm::handleMcastTranslationModeStatus)};
-         return b;
-      }()) {}
-
-NatSm::VorAsyncHwStatusDir::VorAsyncHwStatusDir(NatSm* sm)
-    : Reactor(sm, [] () -> Bindings const& {
-         static Bindings const b{
-            onRepoint(static_cast<void (NatSm::*)()>(&NatSm::handleAsyncHwStatus)),
-            onMembers<NatHwKey>(
-               NatAsyncHwStatusDir::statusId,
-               static_cast<void (NatSm::*)(NatHwKey const&)>(&NatSm::handleAsyncHwStatus),
-               &NatSm::asyncHwStatus_,
-               [](NatAsyncHwStatusDir const& n, NatHwKey const& k) {
-                  return Ptr<NatAsyncHwStatus const>(n.status(k));
-               },
-               [](NatAsyncHwStatusDir const& n, auto const& visit) {
-                  for (auto const& m : n.status()) visit(m.key(), Ptr<NatAsyncHwStatus const>(m.value()));
-               })};
-         return b;
-      }()) {}
-
-NatSm::VorAsyncHwStatus::VorAsyncHwStatus(NatSm* sm, NatHwKey const& key)
-    : Reactor(this, [] () -> Bindings const& {
-         static Bindings const b{onScalar(NatAsyncHwStatus::stateId, &VorAsyncHwStatus::handleState)};
-         return b;
-      }()),
-      sm_(sm),
-      key_(key) {}
-
-void NatSm::VorAsyncHwStatus::handleState() {
-   if (!sm_->initialized()) return;
-   VOR_TRACE(7, "handleState" << " key " << key_.stringValue());
-   sm_->handleAsyncHwStatus(key_);
-}
-
 // ---- construction ----
 
 NatSm::NatSm(Ptr<UloCommonSmData> const& commonSmData, Ptr<Ip::Nat::Status const> const& status,
@@ -163,47 +51,20 @@ NatSm::NatSm(Ptr<UloCommonSmData> const& commonSmData, Ptr<Ip::Nat::Status const
              Ptr<UloL3Intf::Table const> const& uloL3IntfTable)
     : UloBaseSm(commonSmData),
       commonSmDataMutable_(commonSmData),
-      status_(this, [this] { return std::make_unique<VorStatus>(this); }),
       hwStatus_(hwStatus),
       dynamicConnectionStatus_(dynamicConnectionStatus),
-      dynamicConnectionStatusReactor_(
-         this, [this] { return std::make_unique<VorDynamicConnectionStatus>(this); }),
       dynamicConnectionHwStatus_(dynamicConnectionHwStatus),
       hwCapabilities_(hwCapabilities),
       nhMapConfig_(nhMapConfig),
-      nhMapStatus_(this, [this] { return std::make_unique<VorNhMapStatus>(this); }),
-      routingHwRouteStatus_(this, [this] { return std::make_unique<VorRoutingHwRouteStatus>(this); }),
       natHelper_(natHelper),
       staticNatInfo_(staticNatInfo),
-      uloL3IntfTable_(uloL3IntfTable),
-      mcastTranslationModeStatus_(
-         this, [this] { return std::make_unique<VorMcastTranslationModeStatus>(this); }),
-      natSmStatusNotif_(this, [this] { return std::make_unique<VorNatSmStatusNotif>(this); }),
-      unprogrammedTask_(this, [this](NatType const& type) {
-         return std::make_unique<VorUnprogrammedTask>(this, type);
-      }),
-      asyncHwStatusDir_(this, [this] { return std::make_unique<VorAsyncHwStatusDir>(this); }),
-      asyncHwStatus_(this, [this](NatHwKey const& key) {
-         return std::make_unique<VorAsyncHwStatus>(this, key);
-      }),
-      natIntfStatusSm_(this),
-      intfStatus_(this, [this](Lumet::IntfId const& intf) {
-         return std::make_unique<VorIntfStatus>(this, intf);
-      }),
-      vrfStatus_(this, [this](L3::VrfName const& vrf) {
-         return std::make_unique<VorVrfStatus>(this, vrf);
-      }) {
-   // Reactors attach without delivery: no handler runs before start.
-   status_.notifierIs(status);
-   dynamicConnectionStatusReactor_.notifierIs(dynamicConnectionStatus);
-   nhMapStatus_.notifierIs(nhMapStatus);
-   routingHwRouteStatus_.notifierIs(routingHwRouteStatus);
-   if (status) {
-      for (auto const& [intf, member] : status->intfStatus()) intfStatus_.xIs(intf, member);
-   }
-   if (routingHwRouteStatus) {
-      for (auto const& [vrf, member] : routingHwRouteStatus->vrfStatus()) vrfStatus_.xIs(vrf, member);
-   }
+      uloL3IntfTable_(uloL3IntfTable) {
+   // Reactors attach without delivery, member reactors included: no handler
+   // runs before start.
+   status_.attach(status);
+   dynamicConnectionStatusReactor_.attach(dynamicConnectionStatus);
+   nhMapStatus_.attach(nhMapStatus);
+   routingHwRouteStatus_.attach(routingHwRouteStatus);
    // verifyData of the common record is watched by the verify command's
    // reactor, which comes with root verification.
 }
@@ -219,17 +80,11 @@ NatSm::~NatSm() {
 }
 
 void NatSm::asyncHwStatusDirIs(Ptr<NatAsyncHwStatusDir const> const& dir) {
-   bool const first = !asyncHwStatusDir_.reactor();
-   asyncHwStatusDir_.notifierIs(dir);
-   if (!dir) {
-      asyncHwStatus_.xDelAll();
-      return;
-   }
-   // A first attachment delivers nothing; the per-key reactors are made
-   // here, as the constructor makes those of the configuration tables.
-   if (first) {
-      for (auto const& m : dir->status()) asyncHwStatus_.xIs(m.key(), Ptr<NatAsyncHwStatus const>(m.value()));
-   }
+   // A first attachment delivers nothing but makes the per-key reactors, as
+   // the constructor does for the configuration tables; a re-pointing
+   // delivers.
+   asyncHwStatusDir_.attach(dir);
+   if (!dir) asyncHwStatus_.xDelAll();
 }
 
 Ptr<NatSm> natSmFactory(Ptr<UloCommonSmData> const& commonSmData,

@@ -45,68 +45,6 @@ namespace Ulo {
 
 class NatSm : public UloBaseSm {
  public:
-   class VorStatus : public Vor::Reactor<Ip::Nat::Status, NatSm> {
-    public:
-      explicit VorStatus(NatSm* sm);
-   };
-   // Member reactor on one interface's configuration: its vrfName.
-   class VorIntfStatus : public Vor::Reactor<Ip::Nat::IntfStatus, VorIntfStatus> {
-    public:
-      VorIntfStatus(NatSm* sm, Lumet::IntfId const& intf);
-      void handleVrfName();
-
-    private:
-      NatSm* sm_;
-      Lumet::IntfId intf_;
-   };
-   class VorRoutingHwRouteStatus : public Vor::Reactor<Routing::Hardware::RouteStatus, NatSm> {
-    public:
-      explicit VorRoutingHwRouteStatus(NatSm* sm);
-   };
-   // Member reactor on one hardware VRF: its vrfId.
-   class VorVrfStatus : public Vor::Reactor<Routing::Hardware::VrfStatus, VorVrfStatus> {
-    public:
-      VorVrfStatus(NatSm* sm, L3::VrfName const& vrf);
-      void handleVrfId();
-
-    private:
-      NatSm* sm_;
-      L3::VrfName vrf_;
-   };
-   class VorDynamicConnectionStatus : public Vor::Reactor<Ip::Nat::DynamicConnectionStatus, NatSm> {
-    public:
-      explicit VorDynamicConnectionStatus(NatSm* sm);
-   };
-   class VorNhMapStatus : public Vor::Reactor<NextHopMapStatus, NatSm> {
-    public:
-      explicit VorNhMapStatus(NatSm* sm);
-   };
-   class VorNatSmStatusNotif : public Vor::Reactor<NatSmStatusNotif, NatSm> {
-    public:
-      explicit VorNatSmStatusNotif(NatSm* sm);
-   };
-   // The number of multicast translation types; not replayed at a
-   // re-pointing, since every change reprograms connections.
-   class VorMcastTranslationModeStatus : public Vor::Reactor<Ip::Nat::McastTranslationMode, NatSm> {
-    public:
-      explicit VorMcastTranslationModeStatus(NatSm* sm);
-   };
-   // The asynchronous programmer's answers: the status directory and one
-   // member reactor per key's status.
-   class VorAsyncHwStatusDir : public Vor::Reactor<NatAsyncHwStatusDir, NatSm> {
-    public:
-      explicit VorAsyncHwStatusDir(NatSm* sm);
-   };
-   class VorAsyncHwStatus : public Vor::Reactor<NatAsyncHwStatus, VorAsyncHwStatus> {
-    public:
-      VorAsyncHwStatus(NatSm* sm, NatHwKey const& key);
-      // The programmer changed this key's state.
-      void handleState();
-
-    private:
-      NatSm* sm_;
-      NatHwKey key_;
-   };
    // Orders keys by every field, filterAddrId included: sibling entries of
    // one connection have statuses of their own.
    struct NatHwKeyFullLess {
@@ -116,20 +54,6 @@ class NatSm : public UloBaseSm {
          return a.filterAddrId() < b.filterAddrId();
       }
    };
-   // Member reactor on one review task.
-   class VorUnprogrammedTask : public Vor::Reactor<Dov::Task, VorUnprogrammedTask> {
-    public:
-      VorUnprogrammedTask(NatSm* sm, NatType type);
-      NatType type() const { return type_; }
-      Ptr<Dov::TimerTask> task() const;
-      // Retries the unprogrammed entries of this task's kind.
-      void reviewUnprogrammedEntries();
-
-    private:
-      NatSm* sm_;
-      NatType type_;
-   };
-
    NatSm(Ptr<UloCommonSmData> const& commonSmData, Ptr<Ip::Nat::Status const> const& status,
          Ptr<Ip::Nat::HwStatus> const& hwStatus,
          Ptr<Ip::Nat::DynamicConnectionStatus> const& dynamicConnectionStatus,
@@ -210,6 +134,9 @@ class NatSm : public UloBaseSm {
    void handleNextHopUpdate(VrfAndIpAddr const& key);
    // Starts the four review tasks (those not running).
    void startUnprogrammedReview();
+   // A run of the review task of `type`: retries the unprogrammed entries of
+   // that kind, giving way when the task's share is used up.
+   void reviewUnprogrammedEntries(NatType const& type);
    // Kept for the inspection code.
    void showUnprogrammedEntries() {}
    // Takes every static connection of every engine out of hardware, then
@@ -251,23 +178,71 @@ class NatSm : public UloBaseSm {
 
  private:
    Ptr<UloCommonSmData> commonSmDataMutable_;
-   Vor::ReactorSlot<VorStatus> status_;
+
+   // ---- reactors ----
+   // The members' reactors come before the reactor of their collection,
+   // which names them.
+   Vor::WatchMembers<Lumet::IntfId, Ip::Nat::IntfStatus, NatSm,
+                     Vor::OnScalar<Ip::Nat::IntfStatus::vrfNameId, &NatSm::handleNatIntfStatus>>
+      intfStatus_{this};
+   Vor::Watch<Ip::Nat::Status, NatSm,
+              Vor::OnMembers<Ip::Nat::Status::intfStatusId, &NatSm::handleNatIntfStatus,
+                             &NatSm::intfStatus_, Vor::collection(&Ip::Nat::Status::intfStatus)>,
+              Vor::OnScalar<Ip::Nat::Status::counterStatusId, &NatSm::handleCounterStatus>,
+              Vor::OnScalar<Ip::Nat::Status::staticAclSharingStatusId,
+                            &NatSm::handleStaticAclSharingStatus>>
+      status_{this};
+   Vor::Watch<Ip::Nat::DynamicConnectionStatus, NatSm,
+              Vor::OnKey<Ip::Nat::DynamicConnectionStatus::dynamicConnectionId,
+                         &NatSm::handleDynamicConnection>>
+      dynamicConnectionStatusReactor_{this};
+   Vor::Watch<NextHopMapStatus, NatSm,
+              Vor::OnKey<NextHopMapStatus::resolvedAddrId, &NatSm::handleNextHopUpdate>>
+      nhMapStatus_{this};
+   Vor::WatchMembers<L3::VrfName, Routing::Hardware::VrfStatus, NatSm,
+                     Vor::OnScalar<Routing::Hardware::VrfStatus::vrfIdId, &NatSm::handleVrf>>
+      vrfStatus_{this};
+   Vor::Watch<Routing::Hardware::RouteStatus, NatSm,
+              Vor::OnMembers<Routing::Hardware::RouteStatus::vrfStatusId, &NatSm::handleVrf,
+                             &NatSm::vrfStatus_,
+                             Vor::collection(&Routing::Hardware::RouteStatus::vrfStatus)>>
+      routingHwRouteStatus_{this};
+   Vor::Watch<NatSmStatusNotif, NatSm,
+              Vor::OnScalar<NatSmStatusNotif::kickUnprogrammedReviewId,
+                            &NatSm::startUnprogrammedReview>>
+      natSmStatusNotif_{this};
+   Vor::WatchMembers<NatType, Dov::Task, NatSm,
+                     Vor::OnEvent<Dov::Task::taskRunId, &NatSm::reviewUnprogrammedEntries>>
+      unprogrammedTask_{this};
+   // The asynchronous programmer's answers: one reactor per key's status,
+   // on its state.
+   Vor::WatchMembersBy<
+      NatHwKey, NatHwKeyFullLess, NatAsyncHwStatus, NatSm,
+      Vor::OnScalar<NatAsyncHwStatus::stateId,
+                    static_cast<void (NatSm::*)(NatHwKey const&)>(&NatSm::handleAsyncHwStatus)>>
+      asyncHwStatus_{this};
+   Vor::Watch<NatAsyncHwStatusDir, NatSm,
+              Vor::OnRepoint<static_cast<void (NatSm::*)()>(&NatSm::handleAsyncHwStatus)>,
+              Vor::OnMembers<NatAsyncHwStatusDir::statusId,
+                             static_cast<void (NatSm::*)(NatHwKey const&)>(&NatSm::handleAsyncHwStatus),
+                             &NatSm::asyncHwStatus_, Vor::collection(&NatAsyncHwStatusDir::status)>>
+      asyncHwStatusDir_{this};
+
    Ptr<Ip::Nat::HwStatus> hwStatus_;
    Ptr<Ip::Nat::DynamicConnectionStatus> dynamicConnectionStatus_;
-   Vor::ReactorSlot<VorDynamicConnectionStatus> dynamicConnectionStatusReactor_;
    Ptr<Ip::Nat::DynamicConnectionHwStatus> dynamicConnectionHwStatus_;
    Ptr<Ip::Nat::HwCapabilities const> hwCapabilities_;
    Ptr<NextHopMapConfig> nhMapConfig_;
-   Vor::ReactorSlot<VorNhMapStatus> nhMapStatus_;
-   Vor::ReactorSlot<VorRoutingHwRouteStatus> routingHwRouteStatus_;
    Ptr<UloHelper::UloHelperNat> natHelper_;
    Ptr<MrouteLib::StaticNatInfo> staticNatInfo_;
    Ptr<UloL3Intf::Table const> uloL3IntfTable_;
    Ptr<NatMulticastAdapter> multicastAdapter_;
-   Vor::ReactorSlot<VorMcastTranslationModeStatus> mcastTranslationModeStatus_;
+   Vor::Watch<Ip::Nat::McastTranslationMode, NatSm,
+              Vor::OnEvent<Ip::Nat::McastTranslationMode::numTranslationTypesAttribute,
+                           &NatSm::handleMcastTranslationModeStatus>>
+      mcastTranslationModeStatus_{this};
    Ptr<NatSmStatus> natSmStatus_;
    Ptr<NatSmStatusNotif> natSmStatusNotifPtr_;
-   Vor::ReactorSlot<VorNatSmStatusNotif> natSmStatusNotif_;
    Ptr<Dov::TaskScheduler> scheduler_;
    bool natCountersSupported_ = false;
    double dynamicCountersPollingInterval_ = 5.0;
@@ -276,15 +251,9 @@ class NatSm : public UloBaseSm {
    Ptr<Dov::TimerTask> dynamicCountersPollingTask_;
    double unprogrammedTaskScheduleInterval_ = 5.0;
    std::map<NatType, Ptr<Dov::TimerTask>> unprogrammedTaskPtr_;
-   Vor::MemberReactors<NatType, VorUnprogrammedTask> unprogrammedTask_;
-   // In declared order: the programmer's directories come before the engines.
    Ptr<NatAsyncHwConfigDir> asyncHwConfigDir_;
-   Vor::ReactorSlot<VorAsyncHwStatusDir> asyncHwStatusDir_;
-   Vor::MemberReactors<NatHwKey, VorAsyncHwStatus, NatHwKeyFullLess> asyncHwStatus_;
-   Vor::ChildMachines<Lumet::IntfId, NatIntfStatusSm> natIntfStatusSm_;
+   Vor::ChildMachines<Lumet::IntfId, NatIntfStatusSm> natIntfStatusSm_{this};
    bool hwConnEntryRqrdOnDelete_ = false;
-   Vor::MemberReactors<Lumet::IntfId, VorIntfStatus> intfStatus_;
-   Vor::MemberReactors<L3::VrfName, VorVrfStatus> vrfStatus_;
    bool disableVerify_ = false;
    bool counterStatus_ = false;
 };

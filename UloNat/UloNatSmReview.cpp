@@ -36,17 +36,6 @@ void NatSm::handleNextHopUpdate(VrfAndIpAddr const& key) {
 
 // ---- the review ----
 
-NatSm::VorUnprogrammedTask::VorUnprogrammedTask(NatSm* sm, NatType type)
-    : Reactor(this, [] () -> Bindings const& {
-         static Bindings const b{
-            onEvent(Dov::Task::taskRunId, &VorUnprogrammedTask::reviewUnprogrammedEntries)};
-         return b;
-      }()),
-      sm_(sm),
-      type_(type) {}
-
-Ptr<Dov::TimerTask> NatSm::VorUnprogrammedTask::task() const { return sm_->unprogrammedTask(type_); }
-
 void NatSm::startUnprogrammedReview() {
    // All four start whatever kind of entry asked: a task with nothing to do
    // ends at once. A running task is left to its own rescheduling.
@@ -67,14 +56,14 @@ void NatSm::startUnprogrammedReview() {
    }
 }
 
-void NatSm::VorUnprogrammedTask::reviewUnprogrammedEntries() {
-   Ptr<Dov::TimerTask> const self = task();
-   VOR_TRACE(7, "reviewUnprogrammedEntries" << ", entry type: " << static_cast<int>(type_));
+void NatSm::reviewUnprogrammedEntries(NatType const& type) {
+   Ptr<Dov::TimerTask> const self = unprogrammedTask(type);
+   VOR_TRACE(7, "reviewUnprogrammedEntries" << ", entry type: " << static_cast<int>(type));
    if (!self || !self->taskCurrentlyRunning()) {
       VOR_TRACE(7, "Task not running");
       return;
    }
-   auto const& natSmStatus = sm_->natSmStatus();
+   auto const& natSmStatus = natSmStatus_;
    Vor::U64 reviewed = 0;
    // A yield cuts short the walk of one interface, not the run: with the
    // budget spent each further interface still gets one entry.
@@ -83,9 +72,9 @@ void NatSm::VorUnprogrammedTask::reviewUnprogrammedEntries() {
       Lumet::IntfId const intf = rec.key();
       Ptr<NatUnprogrammedEntries> const ue = rec.value();
       VOR_TRACE(8, "Reviewing unprogrammed entries for " << intf);
-      auto engine = sm_->natIntfStatusSm(intf);
+      auto engine = natIntfStatusSm(intf);
       if (!engine) continue;
-      switch (type_) {
+      switch (type) {
       case NatType::staticNat:
          for (auto it = ue->staticEntries().begin(); it; ++it) {
             if (!it.isLive()) continue;
@@ -125,7 +114,7 @@ void NatSm::VorUnprogrammedTask::reviewUnprogrammedEntries() {
    self->taskWorkCountInc(reviewed);
    // As long as any interface has any entry, every task keeps its cadence.
    if (natSmStatus->unprogrammedEntries().size()) {
-      self->scheduleTaskDelay(sm_->unprogrammedTaskScheduleInterval());
+      self->scheduleTaskDelay(unprogrammedTaskScheduleInterval_);
    }
 }
 

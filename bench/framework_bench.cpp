@@ -28,7 +28,7 @@ class Sm : public Ulo::UloBaseSm {
  public:
    struct VorCounter : Vor::Reactor<Counter, Sm> {
       static Bindings const& table() {
-         static Bindings const b{onScalar(Counter::valueId, &Sm::handleValue)};
+         static Bindings const b{onScalar<&Sm::handleValue>(Counter::valueId)};
          return b;
       }
       explicit VorCounter(Sm* sm) : Reactor(sm, table()) {}

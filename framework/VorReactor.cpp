@@ -3,6 +3,7 @@
 namespace Vor {
 
 PtrInterface::NotifieeConst::~NotifieeConst() {
+   if (deathFlag_) *deathFlag_ = true;
    if (notifier_) notifier_->notifieeRemove(this);
 }
 
@@ -16,6 +17,8 @@ void PtrInterface::NotifieeConst::notifierIs(Ptr<PtrInterface const> const& n) {
    // A newly made reactor attaches without delivery: its owner reads the
    // notifier when it chooses to. Only a re-pointing delivers.
    if (!wasAttached) return;
+   // Nothing of this reactor is touched after the delivery: a handler may
+   // have destroyed it, which the caller's ReactorLife reports.
    initialDelivery();
 }
 

@@ -8,16 +8,33 @@
 // caller's thread. A handler may change attributes (its own notifier's too);
 // those changes are delivered at once, nested.
 //
+// Thread safety: none. A reactor, its notifier and its owner belong to one
+// thread (the agent's scheduler thread); nothing here is locked and no
+// reference count is touched from elsewhere.
+//
+// Re-entrancy: a handler may
+//  - change any attribute, including the one being delivered; the nested
+//    delivery completes before the mutator returns;
+//  - re-point or drop any reactor, its own included. A reactor that learns
+//    (through ReactorLife) that a handler destroyed it touches nothing of
+//    itself afterwards and tells the delivery that called it, so that no
+//    caller up the stack touches it either;
+//  - add or delete members of a collection being delivered; the member
+//    reactors follow the notifier's members after the handler returns.
+// A handler must not destroy the owner machine of the reactor that calls it
+// (the owner is a plain pointer); machines are dropped by their owners.
+//
 // Invariants:
 //  1. A reactor is registered in the notifieeList() of its notifier exactly
 //     while it is attached to it.
 //  2. A reactor marked for deletion (vorMarkedForDeletion()) receives no
 //     onAttribute() and performs no initial delivery.
 
-#include <cstring>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
+#include <type_traits>
 #include <vector>
 
 #include "framework/VorPtr.h"
@@ -42,7 +59,9 @@ class PtrInterface::NotifieeConst {
    // Attaches to `n`. When `n` differs from the present notifier and the
    // reactor was attached before, it performs the initial delivery: member
    // reactors are reconciled with `n`, then, unless marked for deletion, each
-   // scalar handler runs in declaration order (see initialDelivery()).
+   // scalar handler runs in declaration order (see initialDelivery()). A
+   // handler run here may destroy the reactor: a caller that uses the
+   // reactor afterwards watches it with a ReactorLife.
    virtual void notifierIs(Ptr<PtrInterface const> const& n);
    virtual void vorDoZombieReactors(bool zombie) { markedForDeletion_ = zombie; }
 
@@ -57,25 +76,112 @@ class PtrInterface::NotifieeConst {
 
  protected:
    // Hook of notifierIs(): reconcile member reactors, then run the scalar
-   // handlers. The default has nothing to deliver.
-   virtual void initialDelivery() {}
+   // handlers. Returns false when a handler it ran destroyed this reactor;
+   // the reactor must then not be touched. The default has nothing to do.
+   virtual bool initialDelivery() { return true; }
 
  private:
+   friend class ReactorLife;
    Ptr<PtrInterface const> notifier_;
+   // The innermost ReactorLife watching this reactor, or null.
+   bool* deathFlag_ = nullptr;
    bool markedForDeletion_ = false;
    bool notificationActive_ = true;
 };
 
+// Watches a reactor across code that may destroy it (a handler, a
+// re-pointing). Watches nest: when the reactor dies under an inner watch,
+// every outer watch learns it too. Construct on the stack only.
+//
+//   ReactorLife life(*reactor);
+//   reactor->notifierIs(n);
+//   if (life.dead()) return;   // `reactor` is gone
+class ReactorLife {
+ public:
+   explicit ReactorLife(PtrInterface::NotifieeConst& reactor)
+       : reactor_(&reactor), outer_(reactor.deathFlag_) {
+      reactor.deathFlag_ = &dead_;
+   }
+   ReactorLife(ReactorLife const&) = delete;
+   ReactorLife& operator=(ReactorLife const&) = delete;
+   ~ReactorLife() {
+      if (dead_) {
+         if (outer_) *outer_ = true;
+      } else {
+         reactor_->deathFlag_ = outer_;
+      }
+   }
+   bool dead() const { return dead_; }
+
+ private:
+   PtrInterface::NotifieeConst* reactor_;
+   bool* outer_;
+   bool dead_ = false;
+};
+
 
 // ---------------------------------------------------------------------------
-// The toolkit that makes each VorX reactor of a state machine a few
-// declarative lines.
+// The toolkit that makes each reactor of a state machine a line or two of
+// bindings.
 //
-// A state machine owns parts: reactors on scalar attributes (ReactorSlot),
-// collections of member reactors (MemberReactors) and collections of child
-// machines (ChildMachines). Each part registers with its owner when it is
-// constructed, so the owner knows them in declaration order, which is the
-// order in which hasNotificationActiveIs() and vorDoZombieReactors() go down.
+// A state machine declares, for each notifier it watches, which attribute
+// calls which of its handlers; the toolkit supplies the reactor class, its
+// slot and its factory:
+//
+//   class NatIntfStatusSm : public UloBaseSm {
+//      ...
+//      void handleVrfName();                                  // scalar
+//      void handleStaticConnection(Ip::Nat::StaticKey const& key);  // member of a collection
+//      void handleRule(RuleKey const& key);                   // per-member scalar
+//      void doProcessBacklogStatic();                         // task run
+//
+//      // One reactor on the interface's configuration, one on each of its
+//      // rules (keyed by the rule's key), one on the backlog task.
+//      Vor::WatchMembers<RuleKey, Rule, NatIntfStatusSm,
+//                        Vor::OnScalar<Rule::enabledId, &NatIntfStatusSm::handleRule>>
+//         rule_{this};
+//      Vor::Watch<Ip::Nat::IntfStatus, NatIntfStatusSm,
+//                 Vor::OnScalar<Ip::Nat::IntfStatus::vrfNameId, &NatIntfStatusSm::handleVrfName>,
+//                 Vor::OnKey<Ip::Nat::IntfStatus::staticConnectionId,
+//                            &NatIntfStatusSm::handleStaticConnection>,
+//                 Vor::OnMembers<Ip::Nat::IntfStatus::ruleId, nullptr, &NatIntfStatusSm::rule_,
+//                                Vor::collection(&Ip::Nat::IntfStatus::rule)>>
+//         intfStatus_{this};
+//      Vor::Watch<Dov::Task, NatIntfStatusSm,
+//                 Vor::OnEvent<Dov::Task::taskRunId, &NatIntfStatusSm::doProcessBacklogStatic>>
+//         staticBacklogTask_{this};
+//   };
+//
+//   // In the constructor, attach without running any handler; the rules'
+//   // reactors are made for the rules present:
+//   intfStatus_.attach(intfStatus);
+//
+// Kinds of binding:
+//  - OnScalar<id, &O::h>: a scalar attribute. h runs on each change and, in
+//    declaration order, at the end of a re-pointing (initial delivery). On
+//    a member reactor (WatchMembers) h may take the member's key.
+//  - OnEvent<id, &O::h>: like a scalar, but not replayed at re-pointing
+//    (taskRun, time).
+//  - OnKey<id, &O::h>: a collection attribute; h(key) gets the member's key.
+//  - OnRepoint<&O::h>: h runs only at the end of a re-pointing, in
+//    declaration order with the scalars.
+//  - OnMembers<id, &O::h, &O::members_, Vor::collection(&N::x)>: a
+//    collection whose members carry reactors of their own (members_, a
+//    WatchMembers of the owner). h(key) runs first (nullptr for none), then
+//    the member reactor is made, re-pointed or deleted after the member's
+//    presence in x(); at re-pointing all member reactors are reconciled
+//    with the new notifier. x() is the notifier's accessor of the whole
+//    collection (a std::map or a Vor map of entity pointers).
+//
+// Handlers are bound at compile time (each binding is a function
+// instantiated for its handler), so a delivery costs one indirect call.
+//
+// A state machine owns parts: reactor slots (ReactorSlot, Watch),
+// collections of member reactors (MemberReactors, WatchMembers) and
+// collections of child machines (ChildMachines). Each part registers with
+// its owner when it is constructed, so the owner knows them in declaration
+// order, which is the order in which hasNotificationActiveIs() and
+// vorDoZombieReactors() go down.
 
 // Attribute ids start at 1; 0 names no attribute.
 constexpr AttributeId noAttributeId = 0;
@@ -110,29 +216,62 @@ class PartOwner {
    bool partsZombie_ = false;
 };
 
+namespace Impl {
+
+// What a handler's member-function type says: its class and its key (void
+// for a handler without argument).
+template <typename H>
+struct HandlerTraits;
+template <typename C>
+struct HandlerTraits<void (C::*)()> {
+   using Key = void;
+};
+template <typename C, typename K>
+struct HandlerTraits<void (C::*)(K const&)> {
+   using Key = K;
+};
+template <typename C, typename K>
+struct HandlerTraits<void (C::*)(K)> {
+   using Key = K;
+};
+
+// The member of key `key` in collection `c` (a null pointer when absent),
+// for std::map-like containers and the Vor maps alike.
+template <typename C, typename K>
+auto collectionMember(C const& c, K const& key) {
+   if constexpr (std::is_pointer_v<decltype(c.find(key))>) {
+      auto const* v = c.find(key);
+      return v ? *v : std::remove_cvref_t<decltype(*v)>();
+   } else {
+      auto it = c.find(key);
+      return it == c.end() ? std::remove_cvref_t<decltype(it->second)>() : it->second;
+   }
+}
+
+// Calls visit(key, member) for each member of `c`.
+template <typename C, typename Visit>
+void collectionForEach(C const& c, Visit const& visit) {
+   for (auto const& m : c) {
+      if constexpr (requires { m.first; }) {
+         visit(m.first, m.second);
+      } else {
+         visit(m.key(), m.value());
+      }
+   }
+}
+
+} // namespace Impl
+
+// The accessor of a whole collection, picked out of its overload set (the
+// keyed accessor x(key) has the same name): Vor::collection(&N::x).
+template <typename N, typename C>
+constexpr auto collection(C const& (N::*accessor)() const) {
+   return accessor;
+}
+
 // A reactor of owner O on a notifier of type N, driven by a table of
-// bindings from attribute ids to the owner's handlers:
-//
-//   struct VorIntfStatus : Vor::Reactor<Ip::Nat::IntfStatus, NatIntfStatusSm> {
-//      static Bindings const& table() {
-//         static Bindings const b{
-//            onScalar(IntfStatus::vrfNameId, &NatIntfStatusSm::handleVrfName),
-//            onKey<StaticKey>(IntfStatus::staticConnectionId,
-//                             &NatIntfStatusSm::handleStaticConnection)};
-//         return b;
-//      }
-//      explicit VorIntfStatus(NatIntfStatusSm* sm) : Reactor(sm, table()) {}
-//   };
-//
-// Kinds of binding:
-//  - onScalar: a scalar attribute. Its handler runs on each change and, in
-//    declaration order, at the end of a re-pointing (initial delivery).
-//  - onEvent: like a scalar, but not replayed at re-pointing (taskRun, time).
-//  - onKey: a collection attribute; the handler gets the member's key.
-//  - onMembers: a collection whose members carry reactors of their own: the
-//    handler runs first, then the member reactor is made, re-pointed or
-//    deleted after the member's presence in the notifier; at re-pointing
-//    all member reactors are reconciled with the new notifier.
+// bindings from attribute ids to the owner's handlers. State machines use it
+// through Watch and WatchMembers; tests and tools may subclass it.
 template <typename N, typename O>
 class Reactor : public PtrInterface::NotifieeConst {
  public:
@@ -140,177 +279,223 @@ class Reactor : public PtrInterface::NotifieeConst {
    using Owner = O;
 
    struct Binding {
-      enum class Kind { scalar, event, keyed };
-      AttributeId id = 0;
+      enum class Kind : std::uint8_t { scalar, event, keyed };
+      AttributeId id = noAttributeId;
       Kind kind = Kind::scalar;
-      // The handler. Member-function handlers, the common case, are called
-      // through a plain function pointer (`thunk`) with the member pointer
-      // kept in `member`; a std::function serves lambdas. Delivery is on
-      // the hot path of every attribute change, so it avoids the
-      // std::function call where it can.
-      void (*thunk)(O&, void const*, Binding const&) = nullptr;
-      void (O::*member)() = nullptr;
-      std::function<void(O&, void const*)> handler;
-      std::function<void(O&, N const&, void const*)> reconcileOne;
-      std::function<void(O&, N const&)> reconcileAll;
-
-      bool hasHandler() const { return thunk || handler; }
-      void call(O& o, void const* key) const {
-         if (thunk) {
-            thunk(o, key, *this);
-         } else {
-            handler(o, key);
-         }
-      }
+      // The handler: `key` is the collection member's key (null for a
+      // scalar), `memberKey` the key of the member this reactor watches
+      // (null outside WatchMembers).
+      void (*call)(O& o, void const* key, void const* memberKey, Binding const& self) = nullptr;
+      // Member reactors of a collection: follow one key, or all of `n`.
+      void (*reconcileOne)(O& o, N const& n, void const* key, Binding const& self) = nullptr;
+      void (*reconcileAll)(O& o, N const& n, Binding const& self) = nullptr;
+      // State of the run-time forms (handlers given as std::function);
+      // null for the compile-time forms.
+      std::shared_ptr<void const> handlerData;
+      std::shared_ptr<void const> membersData;
    };
    using Bindings = std::vector<Binding>;
 
    Reactor(O* owner, Bindings const& bindings) : owner_(owner), bindings_(&bindings) {}
-   ~Reactor() override {
-      if (deathFlag_) *deathFlag_ = true;
-   }
 
    N const* notifier() const { return static_cast<N const*>(notifierBase().ptr()); }
    O* owner() const { return owner_; }
    void* actsm() const override { return owner_; }
+   // The key of the member this reactor watches, handed to handlers that
+   // take one. Set by MemberReactors; points into its own storage.
+   void memberKeyIs(void const* key) { memberKey_ = key; }
 
    void onAttribute(AttributeId id, void const* key) override {
-      // A handler may destroy this reactor (its owner drops it); the flag
+      // A handler may destroy this reactor (its owner drops it); the watch
       // tells us so that we do not touch it afterwards.
-      bool dead = false;
-      bool* const outer = deathFlag_;
-      deathFlag_ = &dead;
+      ReactorLife life(*this);
       for (Binding const& b : *bindings_) {
          if (b.id != id) continue;
-         if (!vorMarkedForDeletion() && b.hasHandler()) {
-            b.call(*owner_, key);
-            if (dead) {
-               if (outer) *outer = true;
-               return;
-            }
+         if (!vorMarkedForDeletion() && b.call) {
+            b.call(*owner_, key, memberKey_, b);
+            if (life.dead()) return;
          }
          if (b.reconcileOne && key) {
             if (N const* n = notifier()) {
-               b.reconcileOne(*owner_, *n, key);
-               if (dead) {
-                  if (outer) *outer = true;
-                  return;
-               }
+               b.reconcileOne(*owner_, *n, key, b);
+               if (life.dead()) return;
             }
          }
       }
-      deathFlag_ = outer;
    }
 
-   // Builders of bindings.
-   static Binding onScalar(AttributeId id, void (O::*handler)()) {
-      return memberBinding(id, Binding::Kind::scalar, handler);
+   // Makes a member reactor for each member of the notifier that has none
+   // and deletes those whose member is gone. Runs no handler: member
+   // reactors attach without delivery.
+   void reconcileMembers() {
+      N const* n = notifier();
+      if (!n) return;
+      for (Binding const& b : *bindings_) {
+         if (b.reconcileAll) b.reconcileAll(*owner_, *n, b);
+      }
    }
-   static Binding onScalar(AttributeId id, std::function<void(O&)> f) {
-      Binding b = blank(id, Binding::Kind::scalar);
-      b.handler = [f](O& o, void const*) { f(o); };
+
+   // ---- builders of bindings, handler bound at compile time ----
+   template <auto Handler>
+   static Binding onScalar(AttributeId id) {
+      return compiled(id, Binding::Kind::scalar, &callScalar<Handler>);
+   }
+   template <auto Handler>
+   static Binding onEvent(AttributeId id) {
+      return compiled(id, Binding::Kind::event, &callScalar<Handler>);
+   }
+   template <auto Handler>
+   static Binding onRepoint() {
+      return compiled(noAttributeId, Binding::Kind::scalar, &callScalar<Handler>);
+   }
+   template <auto Handler>
+   static Binding onKey(AttributeId id) {
+      return compiled(id, Binding::Kind::keyed, &callKeyed<Handler>);
+   }
+   template <auto Handler, auto Members, auto Collection>
+   static Binding onMembers(AttributeId id) {
+      Binding b;
+      if constexpr (std::is_null_pointer_v<decltype(Handler)>) {
+         b.id = id;
+         b.kind = Binding::Kind::keyed;
+      } else {
+         b = onKey<Handler>(id);
+      }
+      b.reconcileOne = &reconcileMember<Members, Collection>;
+      b.reconcileAll = &reconcileAllMembers<Members, Collection>;
       return b;
    }
-   static Binding onEvent(AttributeId id, void (O::*handler)()) {
-      return memberBinding(id, Binding::Kind::event, handler);
+
+   // ---- builders with run-time handlers (lambdas) ----
+   static Binding onScalar(AttributeId id, std::function<void(O&)> f) {
+      return runTime(id, Binding::Kind::scalar, std::move(f));
    }
    static Binding onEvent(AttributeId id, std::function<void(O&)> f) {
-      Binding b = blank(id, Binding::Kind::event);
-      b.handler = [f](O& o, void const*) { f(o); };
-      return b;
-   }
-   // A handler that runs only at the end of a re-pointing, in declaration
-   // order with the scalars (no attribute of the notifier triggers it).
-   static Binding onRepoint(void (O::*handler)()) {
-      return memberBinding(noAttributeId, Binding::Kind::scalar, handler);
-   }
-   template <typename K>
-   static Binding onKey(AttributeId id, void (O::*handler)(K const&)) {
-      Binding b = blank(id, Binding::Kind::keyed);
-      // The keyed member pointer is kept in the bytes of `member` (all
-      // member-function pointers of one class have one size); the thunk
-      // copies it back out with its real type before the call.
-      using Keyed = void (O::*)(K const&);
-      static_assert(sizeof(Keyed) == sizeof(b.member));
-      std::memcpy(static_cast<void*>(&b.member), &handler, sizeof(Keyed));
-      b.thunk = [](O& o, void const* key, Binding const& self) {
-         Keyed h;
-         std::memcpy(&h, static_cast<void const*>(&self.member), sizeof(Keyed));
-         (o.*h)(*static_cast<K const*>(key));
-      };
-      return b;
+      return runTime(id, Binding::Kind::event, std::move(f));
    }
    template <typename K>
    static Binding onKey(AttributeId id, std::function<void(O&, K const&)> f) {
-      Binding b = blank(id, Binding::Kind::keyed);
-      b.handler = [f](O& o, void const* key) { f(o, *static_cast<K const*>(key)); };
-      return b;
-   }
-   // `reactors` is the owner's MemberReactors for this collection; `lookup`
-   // yields the notifier's member for a key (null when absent) and `forEach`
-   // walks the notifier's members.
-   template <typename K, typename MemberReactorsT, typename Lookup, typename ForEach>
-   static Binding onMembers(AttributeId id, void (O::*handler)(K const&),
-                            MemberReactorsT O::*reactors, Lookup lookup, ForEach forEach) {
-      Binding b = handler ? onKey<K>(id, handler) : blank(id, Binding::Kind::keyed);
-      b.reconcileOne = [reactors, lookup](O& o, N const& n, void const* key) {
-         K const& k = *static_cast<K const*>(key);
-         auto member = lookup(n, k);
-         if (member) {
-            (o.*reactors).xIs(k, member);
-         } else {
-            (o.*reactors).xDel(k);
-         }
-      };
-      b.reconcileAll = [reactors, lookup, forEach](O& o, N const& n) {
-         (o.*reactors).reconcile(
-            [&](auto const& visit) { forEach(n, visit); },
-            [&](K const& k) { return static_cast<bool>(lookup(n, k)); });
+      using F = std::function<void(O&, K const&)>;
+      Binding b;
+      b.id = id;
+      b.kind = Binding::Kind::keyed;
+      b.handlerData = std::make_shared<F const>(std::move(f));
+      b.call = [](O& o, void const* key, void const*, Binding const& self) {
+         (*static_cast<F const*>(self.handlerData.get()))(o, *static_cast<K const*>(key));
       };
       return b;
    }
 
  protected:
-   static Binding blank(AttributeId id, typename Binding::Kind kind) {
-      Binding b;
-      b.id = id;
-      b.kind = kind;
-      return b;
-   }
-   static Binding memberBinding(AttributeId id, typename Binding::Kind kind, void (O::*handler)()) {
-      Binding b = blank(id, kind);
-      b.member = handler;
-      b.thunk = [](O& o, void const*, Binding const& self) { (o.*(self.member))(); };
-      return b;
-   }
-
-   void initialDelivery() override {
+   bool initialDelivery() override {
       N const* n = notifier();
-      if (!n) return;
-      bool dead = false;
-      bool* const outer = deathFlag_;
-      deathFlag_ = &dead;
+      if (!n) return true;
+      ReactorLife life(*this);
       for (Binding const& b : *bindings_) {
          if (b.reconcileAll) {
-            b.reconcileAll(*owner_, *n);
-            if (dead) return;
+            b.reconcileAll(*owner_, *n, b);
+            if (life.dead()) return false;
          }
       }
       if (!vorMarkedForDeletion()) {
          for (Binding const& b : *bindings_) {
-            if (b.kind == Binding::Kind::scalar && b.hasHandler()) {
-               b.call(*owner_, nullptr);
-               if (dead) return;
+            if (b.kind == Binding::Kind::scalar && b.call) {
+               b.call(*owner_, nullptr, memberKey_, b);
+               if (life.dead()) return false;
             }
          }
       }
-      deathFlag_ = outer;
+      return true;
    }
 
  private:
+   using CallFn = void (*)(O&, void const*, void const*, Binding const&);
+
+   static Binding compiled(AttributeId id, typename Binding::Kind kind, CallFn call) {
+      Binding b;
+      b.id = id;
+      b.kind = kind;
+      b.call = call;
+      return b;
+   }
+   static Binding runTime(AttributeId id, typename Binding::Kind kind, std::function<void(O&)> f) {
+      using F = std::function<void(O&)>;
+      Binding b;
+      b.id = id;
+      b.kind = kind;
+      b.handlerData = std::make_shared<F const>(std::move(f));
+      b.call = [](O& o, void const*, void const*, Binding const& self) {
+         (*static_cast<F const*>(self.handlerData.get()))(o);
+      };
+      return b;
+   }
+
+   // A scalar handler: without argument, or with the watched member's key.
+   template <auto Handler>
+   static void callScalar(O& o, void const*, void const* memberKey, Binding const&) {
+      using Key = typename Impl::HandlerTraits<decltype(Handler)>::Key;
+      if constexpr (std::is_void_v<Key>) {
+         (o.*Handler)();
+      } else {
+         (o.*Handler)(*static_cast<Key const*>(memberKey));
+      }
+   }
+   template <auto Handler>
+   static void callKeyed(O& o, void const* key, void const*, Binding const&) {
+      using Key = typename Impl::HandlerTraits<decltype(Handler)>::Key;
+      static_assert(!std::is_void_v<Key>, "a keyed handler takes the member's key");
+      (o.*Handler)(*static_cast<Key const*>(key));
+   }
+   template <auto Members, auto Collection>
+   static void reconcileMember(O& o, N const& n, void const* key, Binding const&) {
+      auto& members = o.*Members;
+      using Key = typename std::remove_cvref_t<decltype(members)>::Key;
+      Key const& k = *static_cast<Key const*>(key);
+      auto member = Impl::collectionMember((n.*Collection)(), k);
+      if (member) {
+         members.xIs(k, member);
+      } else {
+         members.xDel(k);
+      }
+   }
+   template <auto Members, auto Collection>
+   static void reconcileAllMembers(O& o, N const& n, Binding const&) {
+      auto& members = o.*Members;
+      auto const& c = (n.*Collection)();
+      members.reconcile([&](auto const& visit) { Impl::collectionForEach(c, visit); },
+                        [&](auto const& k) { return static_cast<bool>(Impl::collectionMember(c, k)); });
+   }
+
    O* owner_;
    Bindings const* bindings_;
-   bool* deathFlag_ = nullptr;
+   void const* memberKey_ = nullptr;
+};
+
+// Binding descriptors for Watch and WatchMembers (see the example above).
+template <AttributeId Id, auto Handler>
+struct OnScalar {
+   template <typename R>
+   static typename R::Binding binding() { return R::template onScalar<Handler>(Id); }
+};
+template <AttributeId Id, auto Handler>
+struct OnEvent {
+   template <typename R>
+   static typename R::Binding binding() { return R::template onEvent<Handler>(Id); }
+};
+template <AttributeId Id, auto Handler>
+struct OnKey {
+   template <typename R>
+   static typename R::Binding binding() { return R::template onKey<Handler>(Id); }
+};
+template <auto Handler>
+struct OnRepoint {
+   template <typename R>
+   static typename R::Binding binding() { return R::template onRepoint<Handler>(); }
+};
+template <AttributeId Id, auto Handler, auto Members, auto Collection>
+struct OnMembers {
+   template <typename R>
+   static typename R::Binding binding() { return R::template onMembers<Handler, Members, Collection>(Id); }
 };
 
 // A state machine's reactor on one scalar attribute: implements the setter
@@ -345,6 +530,14 @@ class ReactorSlot : public OwnedPart {
       }
       reactor_->notifierIs(n);
    }
+   // As notifierIs, and a newly made reactor also makes the member reactors
+   // of the members `n` holds, still without running any handler: what a
+   // constructor does, which runs no handler but watches every member.
+   void attach(NotifierPtr const& n) {
+      bool const fresh = !reactor_;
+      notifierIs(n);
+      if (fresh && reactor_) reactor_->reconcileMembers();
+   }
    R* reactor() const { return reactor_.get(); }
    NotifierPtr notifier() const {
       return reactor_ ? NotifierPtr(reactor_->notifier()) : NotifierPtr();
@@ -365,10 +558,12 @@ class ReactorSlot : public OwnedPart {
 
 // A state machine's reactors on the members of a collection, one per key,
 // ordered by `Compare` (which must tell apart every two keys the collection
-// tells apart).
+// tells apart). Each reactor is told its key (Reactor::memberKeyIs), which
+// its handlers may take.
 template <typename K, typename R, typename Compare = std::less<K>>
 class MemberReactors : public OwnedPart {
  public:
+   using Key = K;
    using NotifierPtr = Ptr<typename R::Notifier const>;
    MemberReactors(PartOwner* owner, std::function<std::unique_ptr<R>(K const&)> make)
        : owner_(owner), make_(std::move(make)) {
@@ -383,6 +578,8 @@ class MemberReactors : public OwnedPart {
    std::size_t size() const { return reactors_.size(); }
 
    // Makes the member's reactor (attached without delivery) or re-points it.
+   // Returns the reactor, or null when a handler of the re-pointing deleted
+   // it.
    R* xIs(K const& key, NotifierPtr const& n) {
       auto it = reactors_.find(key);
       if (it == reactors_.end()) {
@@ -390,12 +587,16 @@ class MemberReactors : public OwnedPart {
          r->hasNotificationActiveIs(owner_->partsNotificationActive());
          r->vorDoZombieReactors(owner_->partsZombie());
          R* raw = r.get();
-         reactors_.emplace(key, std::move(r));
+         it = reactors_.emplace(key, std::move(r)).first;
+         // The map's node, and so its key, stays put while the member lives.
+         raw->memberKeyIs(&it->first);
          raw->notifierIs(n);
          return raw;
       }
-      it->second->notifierIs(n);
-      return it->second.get();
+      R* raw = it->second.get();
+      ReactorLife life(*raw);
+      raw->notifierIs(n);
+      return life.dead() ? nullptr : raw;
    }
    void xDel(K const& key) { reactors_.erase(key); }
    void xDelAll() { reactors_.clear(); }
@@ -428,6 +629,36 @@ class MemberReactors : public OwnedPart {
    std::function<std::unique_ptr<R>(K const&)> make_;
    std::map<K, std::unique_ptr<R>, Compare> reactors_;
 };
+
+// The reactor of owner O on notifier N with the bindings Bs..., in its slot.
+template <typename N, typename O, typename... Bs>
+class Watch : public ReactorSlot<Reactor<N, O>> {
+ public:
+   using ReactorType = Reactor<N, O>;
+   explicit Watch(O* owner)
+       : ReactorSlot<ReactorType>(owner, [owner] { return std::make_unique<ReactorType>(owner, table()); }) {}
+   static typename ReactorType::Bindings const& table() {
+      static typename ReactorType::Bindings const bindings{Bs::template binding<ReactorType>()...};
+      return bindings;
+   }
+};
+
+// One reactor of owner O per member (key K, entity N) of a collection, with
+// the bindings Bs..., ordered by Compare.
+template <typename K, typename Compare, typename N, typename O, typename... Bs>
+class WatchMembersBy : public MemberReactors<K, Reactor<N, O>, Compare> {
+ public:
+   using ReactorType = Reactor<N, O>;
+   explicit WatchMembersBy(O* owner)
+       : MemberReactors<K, ReactorType, Compare>(
+            owner, [owner](K const&) { return std::make_unique<ReactorType>(owner, table()); }) {}
+   static typename ReactorType::Bindings const& table() {
+      static typename ReactorType::Bindings const bindings{Bs::template binding<ReactorType>()...};
+      return bindings;
+   }
+};
+template <typename K, typename N, typename O, typename... Bs>
+using WatchMembers = WatchMembersBy<K, std::less<K>, N, O, Bs...>;
 
 // A state machine's collection of child machines (any PtrInterface with
 // hasNotificationActiveIs and vorDoZombieReactors), keyed by K. A child's

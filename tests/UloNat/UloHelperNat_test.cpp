@@ -78,8 +78,8 @@ struct CapabilityWatcher {
 
 struct CapabilityReactor : Vor::Reactor<UloHelperNat, CapabilityWatcher> {
    static Bindings const& table() {
-      static Bindings const b{onScalar(UloHelperNat::replayId, &CapabilityWatcher::onReplay),
-                              onScalar(UloHelperNat::counterPollingIntervalId, &CapabilityWatcher::onInterval)};
+      static Bindings const b{onScalar<&CapabilityWatcher::onReplay>(UloHelperNat::replayId),
+                              onScalar<&CapabilityWatcher::onInterval>(UloHelperNat::counterPollingIntervalId)};
       return b;
    }
    explicit CapabilityReactor(CapabilityWatcher* w) : Reactor(w, table()) {}

@@ -47,7 +47,7 @@ struct ShadowWatcher {
 
 struct ShadowReactor : Vor::Reactor<NatHwShadow, ShadowWatcher> {
    static Bindings const& table() {
-      static Bindings const b{onKey<NatHwKey>(NatHwShadow::entryId, &ShadowWatcher::onEntry)};
+      static Bindings const b{onKey<&ShadowWatcher::onEntry>(NatHwShadow::entryId)};
       return b;
    }
    explicit ShadowReactor(ShadowWatcher* w) : Reactor(w, table()) {}
@@ -94,7 +94,7 @@ struct StateWatcher {
 
 struct StateReactor : Vor::Reactor<NatAsyncHwStatus, StateWatcher> {
    static Bindings const& table() {
-      static Bindings const b{onScalar(NatAsyncHwStatus::stateId, &StateWatcher::onState)};
+      static Bindings const b{onScalar<&StateWatcher::onState>(NatAsyncHwStatus::stateId)};
       return b;
    }
    explicit StateReactor(StateWatcher* w) : Reactor(w, table()) {}

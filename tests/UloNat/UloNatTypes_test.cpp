@@ -126,8 +126,8 @@ struct KickCounter {
 
 struct NotifReactor : Vor::Reactor<NatSmStatusNotif, KickCounter> {
    static Bindings const& table() {
-      static Bindings const b{onScalar(NatSmStatusNotif::kickUnprogrammedReviewId, &KickCounter::onKick),
-                              onScalar(NatSmStatusNotif::logsFullId, &KickCounter::onFull)};
+      static Bindings const b{onScalar<&KickCounter::onKick>(NatSmStatusNotif::kickUnprogrammedReviewId),
+                              onScalar<&KickCounter::onFull>(NatSmStatusNotif::logsFullId)};
       return b;
    }
    explicit NotifReactor(KickCounter* c) : Reactor(c, table()) {}

@@ -60,7 +60,7 @@ struct Mirror {
 
 struct VorEntry : Vor::Reactor<NatHwShadow, Mirror> {
    static Bindings const& table() {
-      static Bindings const b{onKey<NatHwKey>(NatHwShadow::entryId, &Mirror::onEntry)};
+      static Bindings const b{onKey<&Mirror::onEntry>(NatHwShadow::entryId)};
       return b;
    }
    explicit VorEntry(Mirror* m) : Reactor(m, table()) {}

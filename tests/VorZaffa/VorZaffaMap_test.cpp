@@ -41,7 +41,7 @@ struct Watcher {
 
 struct VorEntry : Vor::Reactor<NatHwShadow, Watcher> {
    static Bindings const& table() {
-      static Bindings const b{onKey<NatHwKey>(NatHwShadow::entryId, &Watcher::onEntry)};
+      static Bindings const b{onKey<&Watcher::onEntry>(NatHwShadow::entryId)};
       return b;
    }
    explicit VorEntry(Watcher* w) : Reactor(w, table()) {}

@@ -20,7 +20,7 @@ class Worker : public Ulo::UloBaseSm {
  public:
    struct VorTask : Dov::Task::Reactor<Worker> {
       static Bindings const& table() {
-         static Bindings const b{onEvent(Dov::Task::taskRunId, &Worker::handleTaskRun)};
+         static Bindings const b{onEvent<&Worker::handleTaskRun>(Dov::Task::taskRunId)};
          return b;
       }
       explicit VorTask(Worker* w) : Reactor(w, table()) {}

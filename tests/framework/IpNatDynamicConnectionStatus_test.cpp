@@ -60,7 +60,7 @@ struct HwWatcher {
 struct HwReactor : Vor::Reactor<DynamicConnectionHwStatus, HwWatcher> {
    static Bindings const& table() {
       static Bindings const b{
-         onKey<DynamicConnectionKey>(DynamicConnectionHwStatus::dynamicConnectionHwId, &HwWatcher::onHw)};
+         onKey<&HwWatcher::onHw>(DynamicConnectionHwStatus::dynamicConnectionHwId)};
       return b;
    }
    explicit HwReactor(HwWatcher* w) : Reactor(w, table()) {}

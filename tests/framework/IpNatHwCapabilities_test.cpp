@@ -17,8 +17,8 @@ struct Counter {
 
 struct CapabilitiesReactor : Vor::Reactor<HwCapabilities, Counter> {
    static Bindings const& table() {
-      static Bindings const b{onScalar(HwCapabilities::natCountersSupportedId, &Counter::onCounters),
-                              onScalar(HwCapabilities::dynamicNatSupportedId, &Counter::onDynamic)};
+      static Bindings const b{onScalar<&Counter::onCounters>(HwCapabilities::natCountersSupportedId),
+                              onScalar<&Counter::onDynamic>(HwCapabilities::dynamicNatSupportedId)};
       return b;
    }
    explicit CapabilitiesReactor(Counter* c) : Reactor(c, table()) {}

@@ -33,9 +33,9 @@ struct HwWatcher {
 struct HwReactor : Vor::Reactor<HwIntfStatus, HwWatcher> {
    static Bindings const& table() {
       static Bindings const b{
-         onKey<StaticKey>(HwIntfStatus::staticConnectionHwId, &HwWatcher::onStatic),
-         onKey<U16>(HwIntfStatus::twiceNatConnectionHwId, &HwWatcher::onTwice),
-         onScalar(HwIntfStatus::dynamicConnectionHwTotalCntId, &HwWatcher::onTotal)};
+         onKey<&HwWatcher::onStatic>(HwIntfStatus::staticConnectionHwId),
+         onKey<&HwWatcher::onTwice>(HwIntfStatus::twiceNatConnectionHwId),
+         onScalar<&HwWatcher::onTotal>(HwIntfStatus::dynamicConnectionHwTotalCntId)};
       return b;
    }
    explicit HwReactor(HwWatcher* w) : Reactor(w, table()) {}

@@ -41,11 +41,11 @@ struct IntfWatcher {
 struct IntfReactor : Vor::Reactor<IntfStatus, IntfWatcher> {
    static Bindings const& table() {
       static Bindings const b{
-         onScalar(IntfStatus::vrfNameId, &IntfWatcher::onVrfName),
-         onKey<IntfId>(IntfStatus::validIntfId, &IntfWatcher::onValidIntf),
-         onKey<StaticKey>(IntfStatus::staticConnectionId, &IntfWatcher::onStatic),
-         onKey<U16>(IntfStatus::twiceNatConnectionId, &IntfWatcher::onTwice),
-         onKey<DynamicKey>(IntfStatus::trapRuleId, &IntfWatcher::onTrapRule)};
+         onScalar<&IntfWatcher::onVrfName>(IntfStatus::vrfNameId),
+         onKey<&IntfWatcher::onValidIntf>(IntfStatus::validIntfId),
+         onKey<&IntfWatcher::onStatic>(IntfStatus::staticConnectionId),
+         onKey<&IntfWatcher::onTwice>(IntfStatus::twiceNatConnectionId),
+         onKey<&IntfWatcher::onTrapRule>(IntfStatus::trapRuleId)};
       return b;
    }
    explicit IntfReactor(IntfWatcher* w) : Reactor(w, table()) {}
@@ -129,9 +129,9 @@ struct StatusWatcher {
 
 struct StatusReactor : Vor::Reactor<Status, StatusWatcher> {
    static Bindings const& table() {
-      static Bindings const b{onKey<IntfId>(Status::intfStatusId, &StatusWatcher::onIntf),
-                              onScalar(Status::counterStatusId, &StatusWatcher::onCounter),
-                              onKey<L3::VrfName>(Status::vrfStatusId, &StatusWatcher::onVrf)};
+      static Bindings const b{onKey<&StatusWatcher::onIntf>(Status::intfStatusId),
+                              onScalar<&StatusWatcher::onCounter>(Status::counterStatusId),
+                              onKey<&StatusWatcher::onVrf>(Status::vrfStatusId)};
       return b;
    }
    explicit StatusReactor(StatusWatcher* w) : Reactor(w, table()) {}

@@ -35,7 +35,7 @@ struct Watcher {
 struct ConfigReactor : Vor::Reactor<NextHopMapConfig, Watcher> {
    static Bindings const& table() {
       static Bindings const b{
-         onKey<VrfAndIpAddr>(NextHopMapConfig::routeResolverRequestId, &Watcher::onRequest)};
+         onKey<&Watcher::onRequest>(NextHopMapConfig::routeResolverRequestId)};
       return b;
    }
    explicit ConfigReactor(Watcher* w) : Reactor(w, table()) {}
@@ -43,7 +43,7 @@ struct ConfigReactor : Vor::Reactor<NextHopMapConfig, Watcher> {
 
 struct StatusReactor : Vor::Reactor<NextHopMapStatus, Watcher> {
    static Bindings const& table() {
-      static Bindings const b{onKey<VrfAndIpAddr>(NextHopMapStatus::resolvedAddrId, &Watcher::onResolved)};
+      static Bindings const b{onKey<&Watcher::onResolved>(NextHopMapStatus::resolvedAddrId)};
       return b;
    }
    explicit StatusReactor(Watcher* w) : Reactor(w, table()) {}

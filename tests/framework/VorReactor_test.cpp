@@ -53,6 +53,13 @@ class Config : public Vor::Entity {
       }
       return slot;
    }
+   // Puts a new entity under an existing key: one change of the member.
+   Ptr<Rule> ruleReplace(int key) {
+      Ptr<Rule> r(new Rule(key));
+      rules_[key] = r;
+      memberChanged(ruleId, key);
+      return r;
+   }
    void ruleDel(int key) {
       if (rules_.erase(key)) memberChanged(ruleId, key);
    }
@@ -67,38 +74,15 @@ class Config : public Vor::Entity {
 // A state machine that records every handler call.
 class Sm : public Ulo::UloBaseSm {
  public:
-   struct VorRule : Vor::Reactor<Rule, Sm> {
-      static Bindings const& table() {
-         static Bindings const b{onScalar(Rule::enabledId, std::function<void(Sm&)>([](Sm&) {}))};
-         return b;
-      }
-      VorRule(Sm* sm, int key) : Reactor(sm, bindings(key)) {}
-      // Per-member handler with the member's key bound in.
-      static Bindings const& bindings(int) { return table(); }
-   };
-   struct VorConfig : Vor::Reactor<Config, Sm> {
-      static Bindings const& table() {
-         static Bindings const b{
-            onScalar(Config::nameId, &Sm::handleName),
-            onKey<int>(Config::ruleId, &Sm::handleRuleKey),
-            onMembers<int>(Config::ruleId, &Sm::handleRule, &Sm::ruleReactors_,
-                           [](Config const& c, int k) { return c.rule(k); },
-                           [](Config const& c, auto const& visit) {
-                              for (auto const& [k, r] : c.rules()) visit(k, Ptr<Rule const>(r));
-                           }),
-            onScalar(Config::countId, &Sm::handleCount),
-         };
-         return b;
-      }
-      explicit VorConfig(Sm* sm) : Reactor(sm, table()) {}
-   };
-
    Sm() : Ulo::UloBaseSm(Ptr<Ulo::UloCommonSmData const>()) {}
 
    void configIs(Ptr<Config const> const& c) { config_.notifierIs(c); }
    Config const* config() const { return config_.reactor() ? config_.reactor()->notifier() : nullptr; }
 
-   void handleName() { calls.push_back("name"); }
+   void handleName() {
+      calls.push_back("name");
+      if (onName) onName();
+   }
    void handleCount() { calls.push_back("count"); }
    void handleRuleKey(int const& k) { calls.push_back("key" + std::to_string(k)); }
    void handleRule(int const& k) {
@@ -106,12 +90,24 @@ class Sm : public Ulo::UloBaseSm {
       calls.push_back("rule" + std::to_string(k) + (ruleReactors_.find(k) ? "+" : "-"));
       if (onRule) onRule(k);
    }
+   // The reactor of one rule hands its key to the owner.
+   void handleRuleEnabled(int const& k) {
+      calls.push_back("enabled" + std::to_string(k));
+      if (onEnabled) onEnabled(k);
+   }
 
    std::vector<std::string> calls;
    std::function<void(int)> onRule;
-   Vor::ReactorSlot<VorConfig> config_{this, [this] { return std::make_unique<VorConfig>(this); }};
-   Vor::MemberReactors<int, VorRule> ruleReactors_{
-      this, [this](int const& k) { return std::make_unique<VorRule>(this, k); }};
+   std::function<void(int)> onEnabled;
+   std::function<void()> onName;
+   Vor::WatchMembers<int, Rule, Sm, Vor::OnScalar<Rule::enabledId, &Sm::handleRuleEnabled>>
+      ruleReactors_{this};
+   Vor::Watch<Config, Sm, Vor::OnScalar<Config::nameId, &Sm::handleName>,
+              Vor::OnKey<Config::ruleId, &Sm::handleRuleKey>,
+              Vor::OnMembers<Config::ruleId, &Sm::handleRule, &Sm::ruleReactors_,
+                             Vor::collection(&Config::rules)>,
+              Vor::OnScalar<Config::countId, &Sm::handleCount>>
+      config_{this};
 };
 
 TEST(ReactorDelivery, ScalarChangesDeliverOnceAndNoChangeDeliversNothing) {
@@ -241,6 +237,91 @@ TEST(ReactorDelivery, ManyReactorsOnOneNotifierAllDeliveredInAttachmentOrder) {
    EXPECT_EQ(c->notifieeList().size(), 9u);
 }
 
+TEST(ReactorMembers, MemberReactorsHandTheirKeyToTheOwner) {
+   Ptr<Config> c(new Config);
+   Ptr<Rule> r4 = c->ruleIs(4);
+   Ptr<Sm> sm(new Sm);
+   sm->configIs(c);
+   Ptr<Rule> r7 = c->ruleIs(7);
+   sm->calls.clear();
+   r7->enabledIs(true);
+   r4->enabledIs(true);   // no reactor: 4 was there before the first attachment
+   r7->enabledIs(true);   // no change
+   EXPECT_EQ(sm->calls, (std::vector<std::string>{"enabled7"}));
+   // A replaced member re-points its reactor, which replays the scalar with
+   // the member's key.
+   sm->calls.clear();
+   Ptr<Rule> r7b = c->ruleReplace(7);
+   EXPECT_EQ(sm->calls, (std::vector<std::string>{"key7", "rule7+", "enabled7"}));
+   sm->calls.clear();
+   r7->enabledIs(false);   // the old entity no longer delivers
+   r7b->enabledIs(true);
+   EXPECT_EQ(sm->calls, (std::vector<std::string>{"enabled7"}));
+}
+
+TEST(ReactorMembers, AttachMakesMemberReactorsWithoutRunningHandlers) {
+   Ptr<Config> c(new Config);
+   c->labelIs("a");
+   Ptr<Rule> r1 = c->ruleIs(1);
+   c->ruleIs(2);
+   Ptr<Sm> sm(new Sm);
+   sm->config_.attach(c);
+   EXPECT_TRUE(sm->calls.empty()) << "construction runs no handler";
+   EXPECT_EQ(sm->ruleReactors_.size(), 2u);
+   r1->enabledIs(true);
+   EXPECT_EQ(sm->calls, (std::vector<std::string>{"enabled1"}));
+   // On an attached reactor, attach is a re-pointing and delivers.
+   Ptr<Config> other(new Config);
+   sm->calls.clear();
+   sm->config_.attach(other);
+   EXPECT_EQ(sm->calls, (std::vector<std::string>{"name", "count"}));
+   EXPECT_EQ(sm->ruleReactors_.size(), 0u);
+}
+
+// A handler that runs inside a re-pointing may destroy the reactor being
+// re-pointed. Whoever called the re-pointing must learn it and touch
+// nothing of the reactor afterwards (the sanitizer build turns a touch into
+// a failure).
+TEST(ReactorLife, DeathDuringRepointingReachesTheDeliveryThatCalledIt) {
+   Ptr<Config> first(new Config);
+   Ptr<Config> second(new Config);
+   Ptr<Sm> sm(new Sm);
+   sm->configIs(first);
+   // The rule handler, run by the reactor's onAttribute, re-points that same
+   // reactor; the replay of "name" at the re-pointing drops it.
+   sm->onRule = [&](int) { sm->configIs(second); };
+   sm->onName = [&] { sm->configIs(Ptr<Config const>()); };
+   first->ruleIs(1);
+   EXPECT_EQ(sm->calls, (std::vector<std::string>{"key1", "rule1-", "name"}));
+   EXPECT_EQ(sm->config(), nullptr);
+   EXPECT_EQ(sm->ruleReactors_.size(), 0u) << "the dead reactor went on to make a member reactor";
+   EXPECT_TRUE(first->notifieeList().empty());
+   EXPECT_TRUE(second->notifieeList().empty());
+}
+
+TEST(ReactorLife, MemberReactorThatDiesWhileRepointedIsNotReturned) {
+   Ptr<Config> c(new Config);
+   Ptr<Sm> sm(new Sm);
+   sm->configIs(c);
+   c->ruleIs(7);
+   ASSERT_NE(sm->ruleReactors_.find(7), nullptr);
+   // Re-pointing the member's reactor replays its scalar, whose handler
+   // deletes that reactor.
+   sm->onEnabled = [&](int k) { sm->ruleReactors_.xDel(k); };
+   sm->calls.clear();
+   Ptr<Rule> replaced = c->ruleReplace(7);
+   EXPECT_EQ(sm->calls, (std::vector<std::string>{"key7", "rule7+", "enabled7"}));
+   EXPECT_EQ(sm->ruleReactors_.find(7), nullptr);
+   EXPECT_TRUE(replaced->notifieeList().empty());
+   // Direct use of the collection reports the death as a null reactor.
+   sm->onEnabled = nullptr;
+   Ptr<Rule> other(new Rule(8));
+   ASSERT_NE(sm->ruleReactors_.xIs(8, other), nullptr);
+   sm->onEnabled = [&](int k) { sm->ruleReactors_.xDel(k); };
+   EXPECT_EQ(sm->ruleReactors_.xIs(8, Ptr<Rule>(new Rule(8))), nullptr);
+   EXPECT_EQ(sm->ruleReactors_.size(), 0u);
+}
+
 // initializedIs runs handleInitialized only on a change.
 class CountingSm : public Ulo::UloBaseSm {
  public:
@@ -284,7 +365,7 @@ class Parent : public Ulo::UloBaseSm {
  public:
    Parent() : Ulo::UloBaseSm(Ptr<Ulo::UloCommonSmData const>()) {}
    Vor::ChildMachines<int, Child> first_{this};
-   Vor::ReactorSlot<Sm::VorConfig> config_{this, [] { return std::unique_ptr<Sm::VorConfig>(); }};
+   Vor::Watch<Config, Parent> config_{this};
    Vor::ChildMachines<int, Child> second_{this};
 };
 
