@@ -5,18 +5,6 @@
 
 namespace Ulo {
 
-namespace {
-
-template <typename Map, typename Del>
-void memberDelAll(Map& map, Del del) {
-   while (!map.empty()) {
-      NatHwKey const key = map.begin().key();
-      del(key);
-   }
-}
-
-} // namespace
-
 // ---- NatRequestQueue ----
 
 char const* NatRequestQueue::opTypeName(OpType type) {
@@ -61,40 +49,6 @@ NatRequestQueue::Request NatRequestQueue::pending(U32 index) const {
    return it == pending_.end() ? Request() : it->second;
 }
 
-// ---- NatRequestQueueDir ----
-
-Vor::Ptr<NatRequestQueue> NatRequestQueueDir::requestQ(NatHwKey const& key) const {
-   return Vor::memberValue(requestQ_, key);
-}
-
-Vor::Ptr<NatRequestQueue> NatRequestQueueDir::requestQIs(NatHwKey const& key) {
-   return Vor::memberEntityIs(requestQ_, key, natRequestQueueFactory,
-                   [this](NatHwKey const& k) { memberChanged(requestQId, k); });
-}
-
-void NatRequestQueueDir::requestQDel(NatHwKey const& key) {
-   Vor::memberEntityDel(requestQ_, key, [this](NatHwKey const& k) { memberChanged(requestQId, k); });
-}
-
-// ---- NatAsyncHwConfigDir ----
-
-Vor::Ptr<NatAsyncHwConfig> NatAsyncHwConfigDir::config(NatHwKey const& key) const {
-   return Vor::memberValue(config_, key);
-}
-
-Vor::Ptr<NatAsyncHwConfig> NatAsyncHwConfigDir::configIs(NatHwKey const& key) {
-   return Vor::memberEntityIs(config_, key, natAsyncHwConfigFactory,
-                   [this](NatHwKey const& k) { memberChanged(configId, k); });
-}
-
-void NatAsyncHwConfigDir::configDel(NatHwKey const& key) {
-   Vor::memberEntityDel(config_, key, [this](NatHwKey const& k) { memberChanged(configId, k); });
-}
-
-void NatAsyncHwConfigDir::configDelAll() {
-   memberDelAll(config_, [this](NatHwKey const& k) { configDel(k); });
-}
-
 // ---- NatAsyncHwStatus ----
 
 char const* NatAsyncHwStatus::stateName(State state) {
@@ -107,41 +61,6 @@ char const* NatAsyncHwStatus::stateName(State state) {
       case forceAdd: return "forceAdd";
    }
    return "invalid";
-}
-
-Vor::Ptr<NatAsyncHwStatus> NatAsyncHwStatusDir::status(NatHwKey const& key) const {
-   return Vor::memberValue(status_, key);
-}
-
-Vor::Ptr<NatAsyncHwStatus> NatAsyncHwStatusDir::statusIs(NatHwKey const& key) {
-   return Vor::memberEntityIs(status_, key, natAsyncHwStatusFactory,
-                   [this](NatHwKey const& k) { memberChanged(statusId, k); });
-}
-
-void NatAsyncHwStatusDir::statusDel(NatHwKey const& key) {
-   Vor::memberEntityDel(status_, key, [this](NatHwKey const& k) { memberChanged(statusId, k); });
-}
-
-void NatAsyncHwStatusDir::statusDelAll() {
-   memberDelAll(status_, [this](NatHwKey const& k) { statusDel(k); });
-}
-
-// ---- NatFailedHwKeyStatus ----
-
-void NatFailedHwKeyStatus::entryIs(NatHwKey const& key) {
-   if (entry_.insert(key)) memberChanged(entryId, key);
-}
-
-void NatFailedHwKeyStatus::entryDel(NatHwKey const& key) {
-   NatHwKey const k = key;
-   if (entry_.erase(k)) memberChanged(entryId, k);
-}
-
-void NatFailedHwKeyStatus::entryDelAll() {
-   while (!entry_.empty()) {
-      NatHwKey const key = entry_.begin().key();
-      entryDel(key);
-   }
 }
 
 // ---- NatHwShadow ----

@@ -28,6 +28,7 @@
 #include <string>
 
 #include "UloNat/UloNatAsyncTypes.h"
+#include "framework/VorAttribute.h"
 #include "framework/VorEntity.h"
 #include "framework/VorHashMap.h"
 #include "framework/VorHashMap2018.h"
@@ -37,6 +38,13 @@
 #include "Zaffa/ZaffaNatHwShadow.h"
 
 namespace Ulo {
+
+class NatRequestQueue;
+class NatAsyncHwConfig;
+class NatAsyncHwStatus;
+Vor::Ptr<NatRequestQueue> natRequestQueueFactory(NatHwKey const& key);
+Vor::Ptr<NatAsyncHwConfig> natAsyncHwConfigFactory(NatHwKey const& key);
+Vor::Ptr<NatAsyncHwStatus> natAsyncHwStatusFactory(NatHwKey const& key);
 
 // The queue of requests waiting on one key, oldest first.
 //
@@ -98,114 +106,79 @@ class NatRequestQueue : public Vor::Entity {
 };
 
 class NatRequestQueueDir : public Vor::Entity {
+   VOR_ENTITY(NatRequestQueueDir, "Ulo::NatRequestQueueDir")
+   // requestQ(key) is null when absent; requestQIs(key) returns the existing
+   // queue or makes an empty one.
+   VOR_ENTITY_COLLECTION(NatHwKey, NatRequestQueue, requestQ, 1, natRequestQueueFactory,
+                         Vor::HashMap2018)
+
  public:
-   static constexpr Vor::AttributeId requestQId = 1;
-   using RequestQMap = Vor::HashMap2018<NatHwKey, Vor::Ptr<NatRequestQueue>>;
-
+   using RequestQMap = requestQContainer;
    explicit NatRequestQueueDir(Vor::String name = "natRequestQueueDir") : Vor::Entity(std::move(name)) {}
-
-   RequestQMap const& requestQ() const { return requestQ_; }
-   // Null when absent.
-   Vor::Ptr<NatRequestQueue> requestQ(NatHwKey const& key) const;
-   std::size_t requestQs() const { return requestQ_.size(); }
-   // Returns the existing queue or makes an empty one.
-   Vor::Ptr<NatRequestQueue> requestQIs(NatHwKey const& key);
-   void requestQDel(NatHwKey const& key);
-
- private:
-   RequestQMap requestQ_;
 };
 
 // The command to the programmer for one key.
 class NatAsyncHwConfig : public Vor::Entity {
+   VOR_ENTITY(NatAsyncHwConfig, "Ulo::NatAsyncHwConfig")
+   VOR_SCALAR(NatRequestQueue::OpType, opType, 1, NatRequestQueue::unknown)
+
  public:
-   static constexpr Vor::AttributeId opTypeId = 1;
-
    explicit NatAsyncHwConfig(NatHwKey const& key) : Vor::Entity("natAsyncHwConfig"), key_(key) {}
-
    NatHwKey const& key() const { return key_; }
-   NatRequestQueue::OpType opType() const { return opType_; }
-   void opTypeIs(NatRequestQueue::OpType v) { scalarIs(opType_, v, opTypeId); }
 
  private:
    NatHwKey const key_;
-   NatRequestQueue::OpType opType_ = NatRequestQueue::unknown;
 };
 
 class NatAsyncHwConfigDir : public Vor::Entity {
+   VOR_ENTITY(NatAsyncHwConfigDir, "Ulo::NatAsyncHwConfigDir")
+   // config(key) is null when absent; configIs(key) returns the existing
+   // record or makes one with opType unknown.
+   VOR_ENTITY_COLLECTION(NatHwKey, NatAsyncHwConfig, config, 1, natAsyncHwConfigFactory,
+                         Vor::HashMap2018)
+
  public:
-   static constexpr Vor::AttributeId configId = 1;
-   using ConfigMap = Vor::HashMap2018<NatHwKey, Vor::Ptr<NatAsyncHwConfig>>;
-
+   using ConfigMap = configContainer;
    explicit NatAsyncHwConfigDir(Vor::String name = "natAsyncHwConfigDir") : Vor::Entity(std::move(name)) {}
-
-   ConfigMap const& config() const { return config_; }
-   Vor::Ptr<NatAsyncHwConfig> config(NatHwKey const& key) const;
-   std::size_t configs() const { return config_.size(); }
-   // Returns the existing record or makes one with opType unknown.
-   Vor::Ptr<NatAsyncHwConfig> configIs(NatHwKey const& key);
-   void configDel(NatHwKey const& key);
-   void configDelAll();
-
- private:
-   ConfigMap config_;
 };
 
 // The programmer's answer for one key.
 class NatAsyncHwStatus : public Vor::Entity {
  public:
-   static constexpr Vor::AttributeId stateId = 1;
-
    enum State : U32 { unknown = 0, idle = 1, inProgress = 2, success = 3, failed = 4, forceAdd = 5 };
    static char const* stateName(State state);
 
-   explicit NatAsyncHwStatus(NatHwKey const& key) : Vor::Entity("natAsyncHwStatus"), key_(key) {}
+   VOR_ENTITY(NatAsyncHwStatus, "Ulo::NatAsyncHwStatus")
+   VOR_SCALAR(State, state, 1, unknown)
 
+ public:
+   explicit NatAsyncHwStatus(NatHwKey const& key) : Vor::Entity("natAsyncHwStatus"), key_(key) {}
    NatHwKey const& key() const { return key_; }
-   State state() const { return state_; }
-   void stateIs(State v) { scalarIs(state_, v, stateId); }
 
  private:
    NatHwKey const key_;
-   State state_ = unknown;
 };
 
 class NatAsyncHwStatusDir : public Vor::Entity {
+   VOR_ENTITY(NatAsyncHwStatusDir, "Ulo::NatAsyncHwStatusDir")
+   // status(key) is null when absent; statusIs(key) returns the existing
+   // record or makes one with state unknown.
+   VOR_ENTITY_COLLECTION(NatHwKey, NatAsyncHwStatus, status, 1, natAsyncHwStatusFactory,
+                         Vor::HashMap2018)
+
  public:
-   static constexpr Vor::AttributeId statusId = 1;
-   using StatusMap = Vor::HashMap2018<NatHwKey, Vor::Ptr<NatAsyncHwStatus>>;
-
+   using StatusMap = statusContainer;
    explicit NatAsyncHwStatusDir(Vor::String name = "natAsyncHwStatusDir") : Vor::Entity(std::move(name)) {}
-
-   StatusMap const& status() const { return status_; }
-   Vor::Ptr<NatAsyncHwStatus> status(NatHwKey const& key) const;
-   std::size_t statuss() const { return status_.size(); }
-   // Returns the existing record or makes one with state unknown.
-   Vor::Ptr<NatAsyncHwStatus> statusIs(NatHwKey const& key);
-   void statusDel(NatHwKey const& key);
-   void statusDelAll();
-
- private:
-   StatusMap status_;
 };
 
 // The keys that hardware refused and for which nothing is queued.
 class NatFailedHwKeyStatus : public Vor::Entity {
+   VOR_ENTITY(NatFailedHwKeyStatus, "Ulo::NatFailedHwKeyStatus")
+   VOR_SET(NatHwKey, entry, 1, Vor::HashSet)
+
  public:
-   static constexpr Vor::AttributeId entryId = 1;
-   using EntrySet = Vor::HashSet<NatHwKey>;
-
+   using EntrySet = entryContainer;
    explicit NatFailedHwKeyStatus(Vor::String name) : Vor::Entity(std::move(name)) {}
-
-   EntrySet const& entry() const { return entry_; }
-   bool entryHas(NatHwKey const& key) const { return entry_.contains(key); }
-   std::size_t entrys() const { return entry_.size(); }
-   void entryIs(NatHwKey const& key);
-   void entryDel(NatHwKey const& key);
-   void entryDelAll();
-
- private:
-   EntrySet entry_;
 };
 
 // The shadow of what has been asked of hardware, one entry per key, kept in

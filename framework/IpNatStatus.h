@@ -27,6 +27,7 @@
 #include "framework/L3VrfName.h"
 #include "framework/LumetIntfId.h"
 #include "framework/LumetIpAddr.h"
+#include "framework/VorAttribute.h"
 #include "framework/VorEntity.h"
 #include "framework/VorEntityCollections.h"
 #include "framework/VorPtr.h"
@@ -126,63 +127,36 @@ class NatDynamicTrapRule : public Vor::Entity {
 class IntfStatus : public Vor::Entity {
  public:
    static constexpr AttributeId intfIdId = 1;
-   static constexpr AttributeId vrfNameId = 2;
-   static constexpr AttributeId validIntfId = 3;
-   static constexpr AttributeId staticConnectionId = 4;
-   static constexpr AttributeId twiceNatConnectionId = 5;
-   static constexpr AttributeId trapRuleId = 6;
 
-   using ValidIntfMap = std::map<Lumet::IntfId, U16>;
-   using StaticConnectionMap = std::map<StaticKey, NatStaticConnection>;
-   using TwiceNatConnectionMap = std::map<U16, NatTwiceConnection>;
-   using TrapRuleMap = std::map<DynamicKey, Ptr<NatDynamicTrapRule>>;
+   VOR_ENTITY(IntfStatus, "Ip::Nat::IntfStatus")
+   VOR_SCALAR(L3::VrfName, vrfName, 2)
+   // validIntf: member interfaces with their VLAN.
+   VOR_COLLECTION(Lumet::IntfId, U16, validIntf, 3)
+   // staticConnection: by the connection's own key; the add replaces.
+   VOR_COLLECTION(StaticKey, NatStaticConnection, staticConnection, 4)
+   // twiceNatConnection: by group.
+   VOR_COLLECTION(U16, NatTwiceConnection, twiceNatConnection, 5)
+   // trapRule: entities, null when absent. trapRuleIs returns the existing
+   // rule or makes an empty, uninitialized one.
+   VOR_ENTITY_COLLECTION(DynamicKey, NatDynamicTrapRule, trapRule, 6,
+                         Vor::EntityMaker<NatDynamicTrapRule>())
+
+ public:
+   using ValidIntfMap = validIntfContainer;
+   using StaticConnectionMap = staticConnectionContainer;
+   using TwiceNatConnectionMap = twiceNatConnectionContainer;
+   using TrapRuleMap = trapRuleContainer;
 
    explicit IntfStatus(Lumet::IntfId const& intfId);
 
    Lumet::IntfId const& intfId() const { return intfId_; }
 
-   L3::VrfName const& vrfName() const { return vrfName_; }
-   void vrfNameIs(L3::VrfName const& v) { scalarIs(vrfName_, v, vrfNameId); }
-
-   // validIntf: member interfaces with their VLAN.
-   ValidIntfMap const& validIntf() const { return validIntf_; }
-   U16 validIntf(Lumet::IntfId const& intf) const { return Vor::memberValue(validIntf_, intf); }
-   bool validIntfHas(Lumet::IntfId const& intf) const { return validIntf_.count(intf) != 0; }
-   std::size_t validIntfs() const { return validIntf_.size(); }
-   void validIntfIs(Lumet::IntfId const& intf, U16 vlan);
-   void validIntfDel(Lumet::IntfId const& intf);
-
-   // staticConnection: by the connection's own key; the add replaces.
-   StaticConnectionMap const& staticConnection() const { return staticConnection_; }
-   NatStaticConnection staticConnection(StaticKey const& key) const {
-      return Vor::memberValue(staticConnection_, key);
+   // Under the connection's own key.
+   void staticConnectionIs(NatStaticConnection const& conn) { staticConnectionIs(conn.key(), conn); }
+   // Under the connection's group.
+   void twiceNatConnectionIs(NatTwiceConnection const& conn) {
+      twiceNatConnectionIs(conn.group(), conn);
    }
-   bool staticConnectionHas(StaticKey const& key) const { return staticConnection_.count(key) != 0; }
-   std::size_t staticConnections() const { return staticConnection_.size(); }
-   void staticConnectionIs(NatStaticConnection const& conn);
-   void staticConnectionDel(StaticKey const& key);
-   void staticConnectionDelAll();
-
-   // twiceNatConnection: by group.
-   TwiceNatConnectionMap const& twiceNatConnection() const { return twiceNatConnection_; }
-   NatTwiceConnection twiceNatConnection(U16 group) const {
-      return Vor::memberValue(twiceNatConnection_, group);
-   }
-   bool twiceNatConnectionHas(U16 group) const { return twiceNatConnection_.count(group) != 0; }
-   std::size_t twiceNatConnections() const { return twiceNatConnection_.size(); }
-   void twiceNatConnectionIs(NatTwiceConnection const& conn);
-   void twiceNatConnectionDel(U16 group);
-   void twiceNatConnectionDelAll();
-
-   // trapRule: entities, null when absent. trapRuleIs returns the existing
-   // rule or makes an empty, uninitialized one.
-   TrapRuleMap const& trapRule() const { return trapRule_; }
-   Ptr<NatDynamicTrapRule> trapRule(DynamicKey const& key) const;
-   bool trapRuleHas(DynamicKey const& key) const { return trapRule_.count(key) != 0; }
-   std::size_t trapRules() const { return trapRule_.size(); }
-   Ptr<NatDynamicTrapRule> trapRuleIs(DynamicKey const& key);
-   void trapRuleDel(DynamicKey const& key);
-   void trapRuleDelAll();
 
    // The VLAN (or NAT profile) that this interface's rules are programmed
    // on: the profile number of a profile interface; otherwise 0 when no
@@ -192,11 +166,6 @@ class IntfStatus : public Vor::Entity {
 
  private:
    Lumet::IntfId const intfId_;
-   L3::VrfName vrfName_;
-   ValidIntfMap validIntf_;
-   StaticConnectionMap staticConnection_;
-   TwiceNatConnectionMap twiceNatConnection_;
-   TrapRuleMap trapRule_;
 };
 
 // What a connection mark stands for: the twice NAT group that a dynamic
@@ -233,99 +202,46 @@ struct NatVrfStaticConnection {
 
 // The NAT configuration of one VRF.
 class VrfStatus : public Vor::Entity {
- public:
-   static constexpr AttributeId staticNatId = 1;
-   static constexpr AttributeId policerId = 2;
+   VOR_ENTITY(VrfStatus, "Ip::Nat::VrfStatus")
+   // staticNat: keyed by the connection's srcAddressOld; the add replaces.
+   VOR_COLLECTION(Lumet::IpAddr, NatVrfStaticConnection, staticNat, 1)
+   VOR_SCALAR(VrfPolicer, policer, 2)
 
-   using StaticNatMap = std::map<Lumet::IpAddr, NatVrfStaticConnection>;
+ public:
+   using StaticNatMap = staticNatContainer;
 
    explicit VrfStatus(L3::VrfName const& name);
 
    L3::VrfName const& vrfName() const { return vrfName_; }
-
-   StaticNatMap const& staticNat() const { return staticNat_; }
-   NatVrfStaticConnection staticNat(Lumet::IpAddr const& srcAddressOld) const {
-      return Vor::memberValue(staticNat_, srcAddressOld);
-   }
-   bool staticNatHas(Lumet::IpAddr const& addr) const { return staticNat_.count(addr) != 0; }
-   std::size_t staticNats() const { return staticNat_.size(); }
-   // Keyed by the connection's srcAddressOld; the add replaces.
-   void staticNatIs(NatVrfStaticConnection const& conn);
-   void staticNatDel(Lumet::IpAddr const& srcAddressOld);
-   void staticNatDelAll();
-
-   VrfPolicer const& policer() const { return policer_; }
-   void policerIs(VrfPolicer const& v) { scalarIs(policer_, v, policerId); }
+   void staticNatIs(NatVrfStaticConnection const& conn) { staticNatIs(conn.srcAddressOld, conn); }
 
  private:
    L3::VrfName const vrfName_;
-   StaticNatMap staticNat_;
-   VrfPolicer policer_;
 };
 
 // The whole NAT input: interfaces, VRFs and the global switches.
 class Status : public Vor::Entity {
- public:
-   static constexpr AttributeId intfStatusId = 1;
-   static constexpr AttributeId intfConfigKeyId = 2;
-   static constexpr AttributeId natGroupInfoId = 3;
-   static constexpr AttributeId staticAclSharingStatusId = 4;
-   static constexpr AttributeId counterStatusId = 5;
-   static constexpr AttributeId vrfStatusId = 6;
-
-   using IntfStatusMap = std::map<Lumet::IntfId, Ptr<IntfStatus>>;
-   using IntfConfigKeyMap = std::map<Lumet::IntfId, Vor::String>;
-   using NatGroupInfoMap = std::map<U16, NatGroupInfo>;
-   using VrfStatusMap = std::map<L3::VrfName, Ptr<VrfStatus>>;
-
-   explicit Status(Vor::String name = "status") : Vor::Entity(std::move(name)) {}
-
-   // intfStatus: one entity per NAT interface, null when absent.
-   IntfStatusMap const& intfStatus() const { return intfStatus_; }
-   Ptr<IntfStatus> intfStatus(Lumet::IntfId const& intf) const;
-   bool intfStatusHas(Lumet::IntfId const& intf) const { return intfStatus_.count(intf) != 0; }
-   std::size_t intfStatuss() const { return intfStatus_.size(); }
-   // Returns the existing member or makes an empty one.
-   Ptr<IntfStatus> intfStatusIs(Lumet::IntfId const& intf);
-   void intfStatusDel(Lumet::IntfId const& intf);
-   void intfStatusDelAll();
-
+   VOR_ENTITY(Status, "Ip::Nat::Status")
+   // intfStatus: one entity per NAT interface, null when absent;
+   // intfStatusIs returns the existing member or makes an empty one.
+   VOR_ENTITY_COLLECTION(Lumet::IntfId, IntfStatus, intfStatus, 1, Vor::EntityMaker<IntfStatus>())
    // intfConfigKey: the configuration name of each interface; the empty
    // string when absent.
-   IntfConfigKeyMap const& intfConfigKey() const { return intfConfigKey_; }
-   Vor::String intfConfigKey(Lumet::IntfId const& intf) const {
-      return Vor::memberValue(intfConfigKey_, intf);
-   }
-   void intfConfigKeyIs(Lumet::IntfId const& intf, Vor::String const& key);
-   void intfConfigKeyDel(Lumet::IntfId const& intf);
-
+   VOR_COLLECTION(Lumet::IntfId, Vor::String, intfConfigKey, 2)
    // natGroupInfo: ordered by connection mark.
-   NatGroupInfoMap const& natGroupInfo() const { return natGroupInfo_; }
-   NatGroupInfo natGroupInfo(U16 connMark) const { return Vor::memberValue(natGroupInfo_, connMark); }
-   bool natGroupInfoHas(U16 connMark) const { return natGroupInfo_.count(connMark) != 0; }
-   void natGroupInfoIs(U16 connMark, NatGroupInfo const& info);
-   void natGroupInfoDel(U16 connMark);
-
-   bool staticAclSharingStatus() const { return staticAclSharingStatus_; }
-   void staticAclSharingStatusIs(bool v) { scalarIs(staticAclSharingStatus_, v, staticAclSharingStatusId); }
-   bool counterStatus() const { return counterStatus_; }
-   void counterStatusIs(bool v) { scalarIs(counterStatus_, v, counterStatusId); }
-
+   VOR_COLLECTION(U16, NatGroupInfo, natGroupInfo, 3)
+   VOR_SCALAR(bool, staticAclSharingStatus, 4)
+   VOR_SCALAR(bool, counterStatus, 5)
    // vrfStatus: one entity per NAT VRF, null when absent.
-   VrfStatusMap const& vrfStatus() const { return vrfStatus_; }
-   Ptr<VrfStatus> vrfStatus(L3::VrfName const& name) const;
-   bool vrfStatusHas(L3::VrfName const& name) const { return vrfStatus_.count(name) != 0; }
-   std::size_t vrfStatuss() const { return vrfStatus_.size(); }
-   Ptr<VrfStatus> vrfStatusIs(L3::VrfName const& name);
-   void vrfStatusDel(L3::VrfName const& name);
+   VOR_ENTITY_COLLECTION(L3::VrfName, VrfStatus, vrfStatus, 6, Vor::EntityMaker<VrfStatus>())
 
- private:
-   IntfStatusMap intfStatus_;
-   IntfConfigKeyMap intfConfigKey_;
-   NatGroupInfoMap natGroupInfo_;
-   bool staticAclSharingStatus_ = false;
-   bool counterStatus_ = false;
-   VrfStatusMap vrfStatus_;
+ public:
+   using IntfStatusMap = intfStatusContainer;
+   using IntfConfigKeyMap = intfConfigKeyContainer;
+   using NatGroupInfoMap = natGroupInfoContainer;
+   using VrfStatusMap = vrfStatusContainer;
+
+   explicit Status(Vor::String name = "status") : Vor::Entity(std::move(name)) {}
 };
 
 } // namespace Ip::Nat
