@@ -26,17 +26,51 @@ SimSystem::SimSystem(SimOptions const& options) {
    routeStatus_ = Vor::Ptr<Routing::Hardware::RouteStatus>(new Routing::Hardware::RouteStatus());
    staticNatInfo_ = Vor::Ptr<MrouteLib::StaticNatInfo>(new MrouteLib::StaticNatInfo());
 
-   helper_ = simNatHelperFactory("simNatHelper", options.capacity, options.immediate);
-   helper_->hwNatProfileSupportedIs(options.hwNatProfileSupported);
-   helper_->counterPollingIntervalIs(options.counterPollingInterval);
+   options_ = options;
+   if (options.async) chip_ = simNatChipFactory(options.capacity);
+   buildAgent();
+}
+
+void SimSystem::buildAgent() {
+   Vor::Ptr<UloHelper::UloHelperNat> natHelper;
+   if (!options_.async) {
+      // The direct helper is the chip itself: it outlives a restart.
+      if (!helper_) helper_ = simNatHelperFactory("simNatHelper", options_.capacity, options_.immediate);
+      natHelper = helper_;
+   } else {
+      asyncHwConfigDir_ = Ulo::natAsyncHwConfigDirFactory();
+      asyncHwStatusDir_ = Ulo::natAsyncHwStatusDirFactory();
+      if (!options_.shadowRoot.empty()) {
+         // A writer that attaches to the files of an earlier life keeps
+         // their entries.
+         hwShadow_ = Ulo::natHwShadowFactory(
+            "natHwShadow", Zaffa::MapDescriptor::sharedWriter(options_.shadowRoot, 1024, 1u << 20));
+      } else if (!hwShadow_) {
+         hwShadow_ = Ulo::natHwShadowFactory("natHwShadow");
+      }
+      aclConfig_ = Ulo::natAclConfigFactory();
+      aclStatus_ = Ulo::natAclStatusFactory();
+      asyncHelper_ = Ulo::natAsyncHelperFactory();
+      asyncHelper_->asyncHwConfigDirIs(asyncHwConfigDir_);
+      asyncHelper_->asyncHwStatusDirIs(asyncHwStatusDir_);
+      asyncHelper_->hwShadowIs(hwShadow_);
+      asyncHelper_->aclHelperIs(Ulo::natAclHelperFactory(aclConfig_, aclStatus_));
+      programmer_ = simNatProgrammerFactory(asyncHwConfigDir_, asyncHwStatusDir_, hwShadow_, chip_, scheduler_);
+      programmer_->delayIs(options_.programmerDelay);
+      programmer_->initializedIs(true);
+      natHelper = asyncHelper_;
+   }
+   natHelper->hwNatProfileSupportedIs(options_.hwNatProfileSupported);
+   natHelper->counterPollingIntervalIs(options_.counterPollingInterval);
 
    root_ = Ulo::natSmFactory(commonSmData_, status_, hwStatus_, dynamicConnectionStatus_,
                              dynamicConnectionHwStatus_, hwCapabilities_, nhMapConfig_,
-                             nhMapStatus_, routeStatus_, helper_, staticNatInfo_,
+                             nhMapStatus_, routeStatus_, natHelper, staticNatInfo_,
                              Vor::Ptr<UloL3Intf::Table const>());
-   mcastMode_ = Vor::Ptr<Ip::Nat::McastTranslationMode>(new Ip::Nat::McastTranslationMode());
+   if (!mcastMode_) mcastMode_ = Vor::Ptr<Ip::Nat::McastTranslationMode>(new Ip::Nat::McastTranslationMode());
    root_->mcastTranslationModeStatusIs(mcastMode_);
-   if (options.multicast) {
+   if (options_.multicast) {
+      mrouteSide_.reset();
       mrouteRequests_ = Vor::Ptr<Ulo::NatMrouteRequestSet>(new Ulo::NatMrouteRequestSet());
       mrouteResponses_ = Vor::Ptr<Ulo::NatMrouteResponseMap>(new Ulo::NatMrouteResponseMap());
       adapter_ = Ulo::natMulticastAdapterFactory(mrouteRequests_, mrouteResponses_,
@@ -45,13 +79,43 @@ SimSystem::SimSystem(SimOptions const& options) {
       root_->multicastAdapterIs(adapter_);
       mrouteSide_ = std::make_unique<SimMrouteSide>(scheduler_, mrouteRequests_, mrouteResponses_);
    }
+   if (options_.async) {
+      root_->asyncHwConfigDirIs(asyncHwConfigDir_);
+      root_->asyncHwStatusDirIs(asyncHwStatusDir_);
+   }
+}
+
+void SimSystem::restart() {
+   agentDown();
+   agentUp();
+}
+
+void SimSystem::agentDown() {
+   mrouteSide_.reset();
+   root_ = nullptr;
+   adapter_ = nullptr;
+   programmer_ = nullptr;
+   asyncHelper_ = nullptr;
+   asyncHwConfigDir_ = nullptr;
+   asyncHwStatusDir_ = nullptr;
+   aclConfig_ = nullptr;
+   aclStatus_ = nullptr;
+   if (!options_.shadowRoot.empty()) hwShadow_ = nullptr;
+}
+
+void SimSystem::agentUp() {
+   buildAgent();
+   start();
 }
 
 SimSystem::~SimSystem() {
    mrouteSide_.reset();
    root_ = nullptr;
    adapter_ = nullptr;
+   programmer_ = nullptr;
+   asyncHelper_ = nullptr;
    helper_ = nullptr;
+   hwShadow_ = nullptr;
    Dov::TaskSchedulerRoot::schedulerIs(nullptr);
    scheduler_ = nullptr;
 }

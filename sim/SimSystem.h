@@ -21,10 +21,13 @@
 #include <memory>
 #include <string>
 
+#include "UloNat/UloNatAclHelper.h"
+#include "UloNat/UloNatAsyncHelper.h"
 #include "UloNat/UloNatSm.h"
 #include "framework/VorLog.h"
 #include "sim/SimMrouteSide.h"
 #include "sim/SimNatHelper.h"
+#include "sim/SimNatProgrammer.h"
 
 namespace Sim {
 
@@ -41,6 +44,16 @@ struct SimOptions {
    // Builds the multicast adapter, its request set and response map, and a
    // simulated routing side that answers them.
    bool multicast = false;
+   // The helper: false programs the simulated chip directly (SimNatHelper);
+   // true goes through the asynchronous pipeline (Ulo::NatAsyncHelper, the
+   // shadow, and Sim::SimNatProgrammer on a SimNatChip of `capacity`).
+   bool async = false;
+   // Asynchronous mode: the directory under which the shadow's table files
+   // live. Empty keeps the shadow in a table of this process, which the
+   // simulator then keeps across restart() as the files would be kept.
+   std::string shadowRoot;
+   // Asynchronous mode: virtual seconds before the programmer answers.
+   double programmerDelay = 0.0;
 };
 
 class SimSystem {
@@ -53,6 +66,17 @@ class SimSystem {
    // The agent's start: initializedIs(true) on the root.
    void start();
    bool started() const { return root_->initialized(); }
+   // The agent goes away and comes back: root, helper, programmer, their
+   // directories and the shadow entity are destroyed; the central state
+   // store's configuration, the chip and the shadow's table stay. The agent
+   // is then built as at construction and started, so it replays the
+   // configuration and reconciles it with the shadow.
+   void restart();
+   // The two halves of restart(): between them there is no agent, and the
+   // central state store's writes reach nobody.
+   void agentDown();
+   void agentUp();
+   bool async() const { return options_.async; }
 
    // ---- the central state store's writes ----
    void intfIs(Lumet::IntfId const& intf, L3::VrfName const& vrf, std::string const& configKey,
@@ -84,7 +108,17 @@ class SimSystem {
 
    // ---- views ----
    Vor::Ptr<Ulo::NatSm> const& root() const { return root_; }
+   // The direct chip helper; null in asynchronous mode.
    Vor::Ptr<SimNatHelper> const& helper() const { return helper_; }
+   // Asynchronous mode (null otherwise): the helper, the programmer, the
+   // directories between them, the shadow, and the chip.
+   Vor::Ptr<Ulo::NatAsyncHelper> const& asyncHelper() const { return asyncHelper_; }
+   Vor::Ptr<SimNatProgrammer> const& programmer() const { return programmer_; }
+   Vor::Ptr<Ulo::NatAsyncHwConfigDir> const& asyncHwConfigDir() const { return asyncHwConfigDir_; }
+   Vor::Ptr<Ulo::NatAsyncHwStatusDir> const& asyncHwStatusDir() const { return asyncHwStatusDir_; }
+   Vor::Ptr<Ulo::NatHwShadow> const& hwShadow() const { return hwShadow_; }
+   Vor::Ptr<SimNatChip> const& chip() const { return chip_; }
+   Vor::Ptr<Ulo::NatAclConfig> const& aclConfig() const { return aclConfig_; }
    Vor::Ptr<Ip::Nat::Status> const& status() const { return status_; }
    Vor::Ptr<Ip::Nat::HwStatus> const& hwStatus() const { return hwStatus_; }
    Vor::Ptr<Ip::Nat::HwCapabilities> const& hwCapabilities() const { return hwCapabilities_; }
@@ -126,6 +160,11 @@ class SimSystem {
 
  private:
    Vor::Ptr<Ip::Nat::IntfStatus> intfStatusMutable(Lumet::IntfId const& intf) const;
+   // Builds what the agent owns: helper (and in asynchronous mode the
+   // pipeline and its programmer) and root.
+   void buildAgent();
+
+   SimOptions options_;
 
    std::unique_ptr<Vor::CapturingLogSink> logs_;
    Vor::Ptr<Dov::TaskScheduler> scheduler_;
@@ -139,6 +178,14 @@ class SimSystem {
    Vor::Ptr<Ulo::NextHopMapStatus> nhMapStatus_;
    Vor::Ptr<Routing::Hardware::RouteStatus> routeStatus_;
    Vor::Ptr<SimNatHelper> helper_;
+   Vor::Ptr<SimNatChip> chip_;
+   Vor::Ptr<Ulo::NatHwShadow> hwShadow_;
+   Vor::Ptr<Ulo::NatAsyncHwConfigDir> asyncHwConfigDir_;
+   Vor::Ptr<Ulo::NatAsyncHwStatusDir> asyncHwStatusDir_;
+   Vor::Ptr<Ulo::NatAclConfig> aclConfig_;
+   Vor::Ptr<Ulo::NatAclStatus> aclStatus_;
+   Vor::Ptr<Ulo::NatAsyncHelper> asyncHelper_;
+   Vor::Ptr<SimNatProgrammer> programmer_;
    Vor::Ptr<MrouteLib::StaticNatInfo> staticNatInfo_;
    Vor::Ptr<Ip::Nat::McastTranslationMode> mcastMode_;
    Vor::Ptr<Ulo::NatMrouteRequestSet> mrouteRequests_;
