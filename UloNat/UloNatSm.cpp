@@ -8,6 +8,7 @@
 #include "framework/UloAssert.h"
 #include "framework/VorClock.h"
 #include "framework/VorEntityCollections.h"
+#include "framework/VorException.h"
 #include "framework/VorTrace.h"
 
 VOR_TRACE_HANDLE("UloNatSm");
@@ -73,6 +74,8 @@ NatSm::~NatSm() {
    doCleanup();
    vorDoZombieReactors(true);
    natIntfStatusSm_.xDelAll();
+   if (natVrfRootSm_) natVrfRootSm_->hasNotificationActiveIs(false);
+   natVrfRootSm_ = nullptr;
    unprogrammedTask_.xDelAll();
    intfStatus_.xDelAll();
    vrfStatus_.xDelAll();
@@ -163,8 +166,7 @@ void NatSm::handleInitialized() {
    natHelper_->replayIs(false);
    VOR_TRACE(5, "replay off");
 
-   // The VRF root (natVrfRootSmIs(scheduler)) is made here once VRF-to-VRF
-   // NAT is part of the engine.
+   natVrfRootSmIs(scheduler_);
 
    natHelper_->replayReconcile();
 }
@@ -300,7 +302,17 @@ void NatSm::doCleanup() {
       natIntfStatusSmDel(intf);
    }
    if (natSmStatus_) natSmStatus_->natSmStatusVrfDelAll();
-   // The VRF root is cleaned up here once it exists.
+   if (natVrfRootSm_) natVrfRootSm_->doCleanup();
+}
+
+Ptr<NatVrfRootSm> NatSm::natVrfRootSmIs(Ptr<Dov::TaskScheduler> const& scheduler) {
+   if (natVrfRootSm_) {
+      if (!(natVrfRootSm_->scheduler() == scheduler)) Vor::Impl::throwMutatorReinstVal("natVrfRootSm");
+      return natVrfRootSm_;
+   }
+   natVrfRootSm_ = natVrfRootSmFactory(status(), hwStatus_, hwCapabilities_,
+                                       routingHwRouteStatus_.notifier(), natHelper_, scheduler);
+   return natVrfRootSm_;
 }
 
 } // namespace Ulo

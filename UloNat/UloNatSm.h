@@ -33,6 +33,7 @@
 #include "UloNat/UloHelperNat.h"
 #include "UloNat/UloNatIntfSm.h"
 #include "UloNat/UloNatTypes.h"
+#include "UloNat/UloNatVrfSm.h"
 #include "framework/DovTask.h"
 #include "framework/RoutingHwRouteStatus.h"
 #include "framework/UloL3IntfTable.h"
@@ -116,11 +117,19 @@ class NatSm : public UloBaseSm {
    Vor::ChildMachines<Lumet::IntfId, NatIntfStatusSm> const& natIntfStatusSms() const {
       return natIntfStatusSm_;
    }
+   // The VRF-to-VRF NAT machines; null before handleInitialized().
+   Ptr<NatVrfRootSm> const& natVrfRootSm() const { return natVrfRootSm_; }
+   // Makes the VRF root on `scheduler` from this machine's status, hwStatus,
+   // hwCapabilities, routingHwRouteStatus and helper. Called again with the
+   // same scheduler it keeps the root that exists; with another it raises
+   // Vor::ReinstantiationException.
+   Ptr<NatVrfRootSm> natVrfRootSmIs(Ptr<Dov::TaskScheduler> const& scheduler);
 
    // ---- handlers ----
    // Starts the machine in a fixed order: scheduler, review tasks, counter
    // support, emptied hardware status, shared state, replay of every
-   // interface between replayIs(true) and replayIs(false), replayReconcile().
+   // interface between replayIs(true) and replayIs(false), the VRF root,
+   // replayReconcile().
    void handleInitialized() override;
    void vorDoZombieReactors(bool zombie) override;
    // Makes, keeps or removes the engine of one interface.
@@ -160,7 +169,8 @@ class NatSm : public UloBaseSm {
    // Relays a dynamic connection to the engine of its interface. Without an
    // engine the event is dropped (traced); the configuration entry stays.
    void handleDynamicConnection(Ip::Nat::DynamicConnectionKey const& key);
-   // Cleans up each engine and drops it. Does not call hwCleanup().
+   // Cleans up each engine and drops it, then cleans up the VRF root. Does
+   // not call hwCleanup().
    void doCleanup();
 
    // ---- engines ----
@@ -254,6 +264,7 @@ class NatSm : public UloBaseSm {
    Ptr<NatAsyncHwConfigDir> asyncHwConfigDir_;
    Vor::ChildMachines<Lumet::IntfId, NatIntfStatusSm> natIntfStatusSm_{this};
    bool hwConnEntryRqrdOnDelete_ = false;
+   Ptr<NatVrfRootSm> natVrfRootSm_;
    bool disableVerify_ = false;
    bool counterStatus_ = false;
 };

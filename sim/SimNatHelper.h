@@ -24,6 +24,12 @@
 // operations whatever the room on the chip; failNextCommitIs(n) makes the
 // next n commits fail.
 //
+// VRF-to-VRF translations and per-VRF source policers (sim/SimNatHelperVrf.cpp)
+// share the table's capacity with the interface translations: each
+// translation takes one entry, each VRF's policer one while it is set (a
+// policer of rate 0 and burst 0 is cleared and takes none). They are never
+// staged: a VRF operation is on the chip when it returns, in either mode.
+//
 // Inspection: entries() is the chip's table (what a real chip would report),
 // staged() what waits for a commit. hwEntryCount(intf...) style summaries are
 // left to callers, which compare entries() with Ip::Nat::HwStatus.
@@ -67,6 +73,36 @@ struct ChipEntryKey {
    std::string stringValue() const;
 };
 
+// One half of a VRF-to-VRF rule on the chip. Both halves are keyed by the
+// rule's inside VRF and untranslated address, so that adding a rule again
+// with another translated address or outside VRF replaces what the chip
+// held for it: the source half matches `oldAddr` in the inside VRF and
+// writes `newAddr` into the outside VRF, the destination half matches
+// `newAddr` in the outside VRF and writes `oldAddr` back.
+struct VrfChipKey {
+   enum class Kind : U8 { vrfSrc = 0, vrfDst = 1 };
+   Kind kind = Kind::vrfSrc;
+   U32 insideVrfId = 0;
+   Lumet::IpAddr oldAddr;
+
+   auto operator<=>(VrfChipKey const& o) const = default;
+   std::string stringValue() const;
+};
+
+struct VrfChipEntry {
+   Lumet::IpAddr newAddr;
+   U32 outsideVrfId = 0;
+
+   bool operator==(VrfChipEntry const& o) const = default;
+};
+
+struct VrfPolicerEntry {
+   U32 rate = 0;
+   U32 burst = 0;
+
+   bool operator==(VrfPolicerEntry const& o) const = default;
+};
+
 struct ChipEntry {
    Lumet::IpAndPort oldIpAndPort;
    Lumet::IpAndPort newIpAndPort;
@@ -106,6 +142,12 @@ class SimNatHelper : public UloHelper::UloHelperNat {
    ChipEntry const* twiceEntry(bool forward, Ulo::VrfId vrfId, U16 vlan, U16 group,
                                Lumet::IpAndPort srcOld, Lumet::IpAndPort dstOld) const;
 
+   // VRF translations and policers on the chip (policers by VRF id).
+   std::map<VrfChipKey, VrfChipEntry> const& vrfEntries() const { return vrfEntries_; }
+   std::map<U32, VrfPolicerEntry> const& policers() const { return policers_; }
+   // Entries taken by VRF translations and policers.
+   std::size_t vrfOccupancy() const { return vrfEntries_.size() + policers_.size(); }
+
    // ---- fault injection ----
    void refuseNextIs(U32 n) { refuseNext_ = n; }
    U32 refuseNext() const { return refuseNext_; }
@@ -134,6 +176,10 @@ class SimNatHelper : public UloHelper::UloHelperNat {
       U64 twiceAdds = 0;
       U64 twiceUpdates = 0;
       U64 twiceDeletes = 0;
+      // VRF translations added / deleted, policer updates.
+      U64 vrfAdds = 0;
+      U64 vrfDeletes = 0;
+      U64 policerUpdates = 0;
    };
    Counts const& counts() const { return counts_; }
    // The order of the lifecycle calls, as words ("hwInit", "replayOn", ...),
@@ -183,6 +229,21 @@ class SimNatHelper : public UloHelper::UloHelperNat {
       return putStatic(ChipEntryKey::Kind::staticSrc, oldIpAndPort, newIpAndPort, filterAddress, protocol,
                        vlan, staticKey, nextHop, multicastInfo, forward, vrfId, true);
    }
+   // VRF translations: an add takes an entry (or replaces the one with the
+   // same match) and is refused when the chip is full or a refusal is armed;
+   // a delete removes the entry with that match, if any, and answers true.
+   bool addStaticVrfSrcIpTranslation(Lumet::IpAddr oldAddr, Lumet::IpAddr newAddr, U32 insideVrfId,
+                                     U32 outsideVrfId) override;
+   bool addStaticVrfDstIpTranslation(Lumet::IpAddr oldAddr, Lumet::IpAddr newAddr, U32 insideVrfId,
+                                     U32 outsideVrfId) override;
+   bool deleteStaticVrfSrcIpTranslation(Lumet::IpAddr oldAddr, Lumet::IpAddr newAddr, U32 insideVrfId,
+                                        U32 outsideVrfId) override;
+   bool deleteStaticVrfDstIpTranslation(Lumet::IpAddr oldAddr, Lumet::IpAddr newAddr, U32 insideVrfId,
+                                        U32 outsideVrfId) override;
+   // Sets the policer of VRF `vrfId` (rate 0 and burst 0 clear it). Refused
+   // (false) when a new policer finds the chip full.
+   bool updateVrfSourcePolicer(U32 rate, U32 burst, U32 vrfId) override;
+
    bool deleteStaticSrcIpTranslation(U16 vlan, Ip::Nat::StaticKey const& staticKey, bool,
                                      Ulo::VrfId vrfId) override {
       eraseAll(ChipEntryKey::Kind::staticSrc, vlan, staticKey, vrfId);
@@ -227,6 +288,10 @@ class SimNatHelper : public UloHelper::UloHelperNat {
                   IpAddrWithFullMask const& filterAddress, U8 protocol, U16 vlan,
                   Ip::Nat::StaticKey const& staticKey, NextHop const& nextHop,
                   MulticastInfo const& multicastInfo, bool forward, Ulo::VrfId vrfId, bool isUpdate);
+   // Puts one VRF translation on the chip (see addStaticVrfSrcIpTranslation).
+   bool putVrf(VrfChipKey const& key, VrfChipEntry const& entry);
+   // Whether the chip has room for one more entry, after what is staged.
+   bool roomForOne() const;
    void eraseAll(ChipEntryKey::Kind kind, U16 vlan, Ip::Nat::StaticKey const& staticKey,
                  Ulo::VrfId vrfId);
    void eraseOne(ChipEntryKey const& key);
@@ -237,6 +302,8 @@ class SimNatHelper : public UloHelper::UloHelperNat {
    U32 failNextCommit_ = 0;
    bool asyncHwStatusResult_ = true;
    std::map<ChipEntryKey, ChipEntry> entries_;
+   std::map<VrfChipKey, VrfChipEntry> vrfEntries_;
+   std::map<U32, VrfPolicerEntry> policers_;
    std::vector<StagedOp> staged_;
    // Whether each key touched by the stage is on the chip after the commit,
    // and the net change of occupancy that the stage makes, kept as the stage

@@ -21,6 +21,8 @@ SimSystem::SimSystem(SimOptions const& options) {
    hwCapabilities_->dynamicNatSupportedIs(options.dynamicNatSupported);
    hwCapabilities_->destinationNatNextHopNeededIs(options.destinationNatNextHopNeeded);
    hwCapabilities_->natCountersSupportedIs(options.natCountersSupported);
+   hwCapabilities_->natVrfHopStaticSupportedIs(options.natVrfHopStaticSupported);
+   hwCapabilities_->natOutsideVrfSupportedIs(options.natOutsideVrfSupported);
    nhMapConfig_ = Vor::Ptr<Ulo::NextHopMapConfig>(new Ulo::NextHopMapConfig());
    nhMapStatus_ = Vor::Ptr<Ulo::NextHopMapStatus>(new Ulo::NextHopMapStatus());
    routeStatus_ = Vor::Ptr<Routing::Hardware::RouteStatus>(new Routing::Hardware::RouteStatus());

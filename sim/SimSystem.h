@@ -20,6 +20,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "UloNat/UloNatAclHelper.h"
 #include "UloNat/UloNatAsyncHelper.h"
@@ -54,6 +55,9 @@ struct SimOptions {
    std::string shadowRoot;
    // Asynchronous mode: virtual seconds before the programmer answers.
    double programmerDelay = 0.0;
+   // VRF-to-VRF NAT, and translation into VRFs other than "default".
+   bool natVrfHopStaticSupported = false;
+   bool natOutsideVrfSupported = false;
 };
 
 class SimSystem {
@@ -99,6 +103,34 @@ class SimSystem {
    // The routing side's multicast routes. REQUIRES: options.multicast.
    void mrouteIs(SimMrouteSide::Route const& route, Ulo::NatMrouteOifSet const& oifs);
    void mrouteDel(SimMrouteSide::Route const& route);
+
+   // ---- NAT VRFs (sim/SimSystemVrf.cpp) ----
+   // A NAT VRF of the configuration, made empty if absent.
+   void natVrfIs(L3::VrfName const& vrf);
+   void natVrfDel(L3::VrfName const& vrf);
+   // Adds or replaces a VRF rule (keyed by srcAddressOld), making the NAT VRF
+   // if absent.
+   void vrfRuleIs(L3::VrfName const& vrf, Ip::Nat::NatVrfStaticConnection const& rule);
+   void vrfRuleDel(L3::VrfName const& vrf, Lumet::IpAddr const& srcAddressOld);
+   // The VRF's source policer (0 and 0 clear it), making the NAT VRF if absent.
+   void vrfPolicerIs(L3::VrfName const& vrf, Vor::U32 rate, Vor::U32 burst);
+   // Sets forceTableFull of the VRF's machine; false when it has none.
+   bool forceTableFullIs(L3::VrfName const& vrf, bool on);
+   // The VRF's machine, or null (not started, VRF NAT unsupported, no such VRF).
+   Vor::Ptr<Ulo::NatVrfSm> natVrfSm(L3::VrfName const& vrf) const;
+   // VRF rules in hardware status, of one VRF / of all.
+   std::size_t hwVrfRuleCount(L3::VrfName const& vrf) const;
+   std::size_t hwVrfRuleCount() const;
+   // Rules of one VRF's machine / of all machines waiting for a VRF id.
+   std::size_t pendingVrfRuleCount(L3::VrfName const& vrf) const;
+   std::size_t pendingVrfRuleCount() const;
+   // Refused VRF rules of one VRF / of all, waiting for a retry.
+   std::size_t unprogrammedVrfRuleCount(L3::VrfName const& vrf) const;
+   std::size_t unprogrammedVrfRuleCount() const;
+   // Where the chip's VRF translations and what hardware status says is
+   // programmed disagree, one line each; empty when both halves of every
+   // rule in hardware status stand on the chip with its ids and nothing else.
+   std::vector<std::string> vrfChipMismatches() const;
 
    // ---- time ----
    void runUntilIdle();

@@ -81,6 +81,7 @@ void check(Sim::SimSystem const& sys, Event const& e, Report& report) {
       {"updates", counts.updates},     {"twiceAdds", counts.twiceAdds},
       {"twiceDeletes", counts.twiceDeletes}, {"twiceUpdates", counts.twiceUpdates}};
    for (auto const& [name, n] : x.helperCalls) expectEq("helper calls " + name, n, calls.at(name));
+   checkVrf(sys, x.vrf, misses);
    if (misses.empty()) {
       report.passed.push_back(at + "ok");
    } else {
@@ -158,6 +159,8 @@ Report runScenario(Scenario const& scenario) {
          sys.helper()->refuseNextIs(static_cast<Vor::U32>(e.count));
       } else if (e.kind == "failNextCommit") {
          sys.helper()->failNextCommitIs(static_cast<Vor::U32>(e.count));
+      } else if (runVrfEvent(sys, e, "at " + timeText(sys.now()) + " s, ", report.failures)) {
+         // A VRF NAT event.
       } else if (e.kind == "expect") {
          sys.runUntilIdle();
          check(sys, e, report);
@@ -204,6 +207,7 @@ Report runScenario(Scenario const& scenario) {
    for (auto const& m : sys.logs().messages()) {
       report.messages.push_back(MessageLine{m.time, m.name, m.severity, m.text});
    }
+   report.vrf = vrfReportOf(sys);
    (void)hwIntf;
    return report;
 }
@@ -232,6 +236,7 @@ void printReport(std::ostream& os, Report const& r) {
    os << "Twice entries in hardware status: " << r.hwTwice << " (unprogrammed: " << r.unprogrammedTwice << ")\n";
    os << "Chip: " << r.chipEntries << " of " << r.chipCapacity << " entries\n";
    for (auto const& c : r.chip) os << "  " << c.key << ": " << c.translation << "\n";
+   printVrfReport(os, r.vrf);
    os << "\nMessages:\n";
    if (r.messages.empty()) os << "  (none)\n";
    for (auto const& m : r.messages) {
@@ -270,6 +275,7 @@ nlohmann::json reportJson(Report const& r) {
    for (auto const& m : r.messages) {
       j["messages"].push_back({{"time", m.time}, {"name", m.name}, {"severity", m.severity}, {"text", m.text}});
    }
+   j["vrf"] = vrfReportJson(r.vrf);
    j["expectations"] = {{"held", r.passed.size()}, {"failed", r.failures}};
    return j;
 }

@@ -54,6 +54,7 @@ struct Report {
    std::vector<ChipLine> chip;
    std::size_t unprogrammed = 0;
    std::vector<MessageLine> messages;
+   VrfReport vrf;
    std::vector<Snapshot> timeline;
    // Each expectation that held, and each that did not, with its time.
    std::vector<std::string> passed;

@@ -1,4 +1,6 @@
 #include "tools/ulonat-sim/Scenario.h"
+#include "tools/ulonat-sim/ScenarioFields.h"
+#include "tools/ulonat-sim/ScenarioVrf.h"
 
 #include <fstream>
 #include <limits>
@@ -10,102 +12,6 @@ namespace UloNatSim {
 using nlohmann::json;
 
 namespace {
-
-// Reads the fields of one JSON object, remembering where it is so that every
-// complaint names the file, the event and the field.
-class Fields {
- public:
-   Fields(std::string file, std::string where, json const& object)
-       : file_(std::move(file)), where_(std::move(where)), object_(object) {
-      if (!object_.is_object()) fail("", "must be a JSON object");
-   }
-
-   [[noreturn]] void fail(std::string const& field, std::string const& what) const {
-      std::string text = file_ + ": " + where_;
-      if (!field.empty()) text += ", field '" + field + "'";
-      throw ScenarioError{text + ": " + what};
-   }
-
-   bool has(char const* field) const { return object_.contains(field); }
-   json const& raw(char const* field) const {
-      used_.insert(field);
-      if (!has(field)) fail(field, "missing");
-      return object_.at(field);
-   }
-
-   std::string string(char const* field) const {
-      json const& v = raw(field);
-      if (!v.is_string()) fail(field, "must be a string");
-      return v.get<std::string>();
-   }
-   std::string string(char const* field, std::string const& fallback) const {
-      return has(field) ? string(field) : fallback;
-   }
-   bool boolean(char const* field) const {
-      json const& v = raw(field);
-      if (!v.is_boolean()) fail(field, "must be true or false");
-      return v.get<bool>();
-   }
-   bool boolean(char const* field, bool fallback) const { return has(field) ? boolean(field) : fallback; }
-   double number(char const* field, double min, double max) const {
-      json const& v = raw(field);
-      if (!v.is_number()) fail(field, "must be a number");
-      double const d = v.get<double>();
-      if (!(d >= min && d <= max)) {
-         std::ostringstream os;
-         os << "out of range (" << min << " to " << max << ")";
-         fail(field, os.str());
-      }
-      return d;
-   }
-   Vor::U64 integer(char const* field, Vor::U64 min, Vor::U64 max) const {
-      json const& v = raw(field);
-      if (!v.is_number_integer() && !v.is_number_unsigned()) fail(field, "must be an integer");
-      if (v.is_number_integer() && v.get<long long>() < 0) {
-         fail(field, "out of range (" + std::to_string(min) + " to " + std::to_string(max) + ")");
-      }
-      Vor::U64 const n = v.get<Vor::U64>();
-      if (n < min || n > max) {
-         fail(field, "out of range (" + std::to_string(min) + " to " + std::to_string(max) + ")");
-      }
-      return n;
-   }
-   Vor::U64 integer(char const* field, Vor::U64 min, Vor::U64 max, Vor::U64 fallback) const {
-      return has(field) ? integer(field, min, max) : fallback;
-   }
-   std::string intf(char const* field) const {
-      std::string const name = string(field);
-      if (!Lumet::IntfId::parse(name)) fail(field, "'" + name + "' is not an interface name");
-      return name;
-   }
-   Lumet::IpAndPort ipAndPort(char const* field) const {
-      std::string const text = string(field);
-      auto v = Sim::parseIpAndPort(text);
-      if (!v) fail(field, "'" + text + "' is not an address or address:port");
-      return *v;
-   }
-   Lumet::IpAddr ip(char const* field) const {
-      std::string const text = string(field);
-      auto v = Lumet::IpAddr::parse(text);
-      if (!v) fail(field, "'" + text + "' is not an IPv4 address");
-      return *v;
-   }
-   // Fields present that nobody read: a typo would otherwise pass silently.
-   void noOthers() const {
-      for (auto const& [k, v] : object_.items()) {
-         if (!used_.count(k)) fail(k, "unknown field");
-      }
-   }
-   void used(char const* field) const { used_.insert(field); }
-   std::string const& file() const { return file_; }
-   std::string const& where() const { return where_; }
-
- private:
-   std::string file_;
-   std::string where_;
-   json const& object_;
-   mutable std::set<std::string> used_;
-};
 
 Ip::Nat::StaticKey staticKeyOf(Fields const& f) {
    Lumet::IpAndPort const local = f.ipAndPort("local");
@@ -253,6 +159,7 @@ Expectation expectationOf(Fields const& f) {
          }
       }
    }
+   loadVrfExpectation(f, e.vrf);
    return e;
 }
 
@@ -278,6 +185,8 @@ Scenario loadScenario(std::string const& file, json const& doc) {
       s.options.dynamicNatSupported = caps.boolean("dynamicNatSupported", false);
       s.options.destinationNatNextHopNeeded = caps.boolean("destinationNatNextHopNeeded", false);
       s.options.natCountersSupported = caps.boolean("natCountersSupported", false);
+      s.options.natVrfHopStaticSupported = caps.boolean("natVrfHopStaticSupported", false);
+      s.options.natOutsideVrfSupported = caps.boolean("natOutsideVrfSupported", false);
       caps.noOthers();
    }
    s.options.multicast = top.boolean("multicastRouting", false);
@@ -372,6 +281,8 @@ Scenario loadScenario(std::string const& file, json const& doc) {
          // Only moves time to "at".
       } else if (e.kind == "expect") {
          e.expect = expectationOf(f);
+      } else if (loadVrfEvent(f, e)) {
+         // A VRF NAT event.
       } else {
          f.fail("event", "unknown event '" + e.kind + "'");
       }

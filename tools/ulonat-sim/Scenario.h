@@ -11,6 +11,7 @@
 #include <nlohmann/json.hpp>
 
 #include "sim/SimSystem.h"
+#include "tools/ulonat-sim/ScenarioVrf.h"
 
 namespace UloNatSim {
 
@@ -51,6 +52,7 @@ struct Expectation {
    // Helper calls so far, by name ("adds", "deletes", "twiceAdds",
    // "twiceDeletes", "updates", "twiceUpdates").
    std::map<std::string, std::size_t> helperCalls;
+   VrfExpectation vrf;
 };
 
 struct Event {
@@ -73,6 +75,7 @@ struct Event {
    Vor::U16 group = 0;
    Sim::SimMrouteSide::Route route;
    Ulo::NatMrouteOifSet oifs;
+   VrfEventFields vrfFields;
    Expectation expect;
 };
 
