@@ -46,17 +46,25 @@ bool SlotTableHeader::validate(bool debug, std::size_t fileSize, U32 wantedFenix
                             Compatibility::platformName(Compatibility::thisPlatform));
       return false;
    }
-   U32 computed;
-   if (expected) {
-      SlotTableHeader wanted = *expected;
-      wanted.hashSeed = hashSeed;
-      computed = wanted.doHash();
-   } else {
-      computed = doHash();
-   }
+   // The file's own constant fields first: a field changed under an intact
+   // hash (a stray store, a torn write of the header) must never be kept,
+   // since the slot geometry and the type check are read from these fields.
+   U32 const computed = doHash();
    if (computed != hash) {
       message = fmt::format("checksum fail: {:x} != {:x}", computed, hash);
       return false;
+   }
+   // Then the table the caller expects: a consistent file of another value
+   // or collection type, or of other limits, hashes differently under this
+   // file's seed and is refused with the same message.
+   if (expected) {
+      SlotTableHeader wanted = *expected;
+      wanted.hashSeed = hashSeed;
+      U32 const expectedHash = wanted.doHash();
+      if (expectedHash != hash) {
+         message = fmt::format("checksum fail: {:x} != {:x}", expectedHash, hash);
+         return false;
+      }
    }
    U32 n = numSlotsValue();
    if (occupiedSlots > n) {

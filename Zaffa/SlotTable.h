@@ -127,10 +127,11 @@ struct SlotTableHeader {
    // classType, valueSize, slotSize, maxSlots, constFlags, hashSeed.
    U32 doHash() const;
 
-   // Checks the header against the size of its file. With `expected`, the
-   // checksum is the one the expected table would have with this file's seed,
-   // so that a file of another value or collection type fails it; without,
-   // the file is checked against itself. Returns false with the first fault
+   // Checks the header against the size of its file. The checksum is always
+   // doHash() over this file's own constant fields. With `expected`, the
+   // stored hash must in addition be the one the expected table would have
+   // with this file's seed, so that a file of another value or collection
+   // type, or of other limits, fails too. Returns false with the first fault
    // in `message`.
    bool validate(bool debug, std::size_t fileSize, U32 wantedFenix, std::string& message,
                  SlotTableHeader const* expected = nullptr) const;

@@ -111,6 +111,10 @@ class WriterHashMap {
             Jorro::throwCorruption("corrupt key detected, slot: {}", s);
          }
          if (r > rhash) break;
+         // The walk trusts each slot's stored rhash and compares keys only
+         // where it equals ours; it does not hash the keys it passes. A write
+         // costs one hash, and a key changed in place under its rhash is
+         // found by the validator at the next attach, not here.
          if (r == rhash) {
             Key const& k = KeyOf::get(*reinterpret_cast<Value const*>(slot.value()));
             if (k == key) {

@@ -161,11 +161,14 @@ TEST(SlotTable, HeaderValidationChecksInOrder) {
 }
 
 // A file of another life is re-formatted, with the entries lost and the
-// generation raised, and the reason is traced.
+// generation raised, and the reason is traced. zaffa-tool, run on the same
+// files first, must say what the writer found; a sound table of another type
+// is the one file it calls valid, since it is not told which table to expect.
 struct Reformat {
    char const* name;
    std::function<void(TempDir const&, SlotFile&)> damage;
    char const* reason;
+   char const* toolSays;
 };
 
 class SlotTableReformat : public ::testing::TestWithParam<Reformat> {};
@@ -183,6 +186,10 @@ TEST_P(SlotTableReformat, FileOfAnotherLifeIsReformatted) {
       SlotFile f(dir.file(Zaffa::FileNames::slots));
       GetParam().damage(dir, f);
    }
+   ToolRun verdict = zaffaTool("validate " + dir.path());
+   EXPECT_NE(verdict.output.find(GetParam().toolSays), std::string::npos) << verdict.output;
+   EXPECT_EQ(verdict.status, std::string_view(GetParam().toolSays).starts_with("invalid") ? 1 : 0)
+      << verdict.output;
    TraceCapture traces;
    Writer w(config(dir.path()));
    w.attach();
@@ -202,24 +209,49 @@ INSTANTIATE_TEST_SUITE_P(
    Zaffa, SlotTableReformat,
    ::testing::Values(
       Reformat{"version", [](TempDir const&, SlotFile& f) { f.header()->version = 17; },
-               "bad version: 17"},
+               "bad version: 17", "invalid: bad version: 17"},
       Reformat{"platform", [](TempDir const&, SlotFile& f) { f.header()->platform = 1; },
-               "bad platform specification: lp32-le expecting: lp64-le"},
-      Reformat{"valueType",
+               "bad platform specification: lp32-le expecting: lp64-le",
+               "invalid: bad platform specification: lp32-le expecting: lp64-le"},
+      Reformat{"anotherValueType",
                [](TempDir const&, SlotFile& f) {
                   // A consistent file of another value type: its own hash fits.
                   std::strcpy(f.header()->valueType, "Other::Value");
                   f.header()->hash = f.header()->doHash();
                },
-               "checksum fail"},
+               "checksum fail", "valid: 40 occupied"},
+      Reformat{"anotherMaxSlots",
+               [](TempDir const&, SlotFile& f) {
+                  f.header()->maxSlots = 65;
+                  f.header()->hash = f.header()->doHash();
+               },
+               "checksum fail", "valid: 40 occupied"},
+      // Each constant field changed under an intact hash: the file's own
+      // checksum fails, whatever the writer expects.
+      Reformat{"valueTypeBitFlipped", [](TempDir const&, SlotFile& f) { f.header()->valueType[3] ^= 0x20; },
+               "checksum fail: ", "invalid: checksum fail: "},
+      Reformat{"classTypeBitFlipped", [](TempDir const&, SlotFile& f) { f.header()->classType[0] ^= 1; },
+               "checksum fail: ", "invalid: checksum fail: "},
+      Reformat{"valueSizeChanged", [](TempDir const&, SlotFile& f) { f.header()->valueSize = 737; },
+               "checksum fail: ", "invalid: checksum fail: "},
+      Reformat{"slotSizeSmaller", [](TempDir const&, SlotFile& f) { f.header()->slotSize = 744; },
+               "checksum fail: ", "invalid: checksum fail: "},
+      Reformat{"maxSlotsChanged", [](TempDir const&, SlotFile& f) { f.header()->maxSlots = 65; },
+               "checksum fail: ", "invalid: checksum fail: "},
+      Reformat{"constFlagsCleared", [](TempDir const&, SlotFile& f) { f.header()->constFlags = 0; },
+               "checksum fail: ", "invalid: checksum fail: "},
+      Reformat{"hashSeedChanged", [](TempDir const&, SlotFile& f) { f.header()->hashSeed ^= 0x100; },
+               "checksum fail: ", "invalid: checksum fail: "},
       Reformat{"generation",
                [](TempDir const&, SlotFile& f) { f.header()->fenix ^= 0x10000; },
-               "failed to attach to existing files"},
+               "failed to attach to existing files", "invalid: bad fenix:"},
       Reformat{"fenixFile",
                [](TempDir const& d, SlotFile&) {
                   SharedMem::FenixFile(d.file(Zaffa::FileNames::fenix)).write(SharedMem::FenixId{0x7777});
                },
-               "failed to attach to existing files"}),
+               // The slot file is checked against itself and passes; the
+               // bucket file is the first to disagree with the fenix file.
+               "failed to attach to existing files", "invalid: bucket file bad fenix:"}),
    [](auto const& info) { return std::string(info.param.name); });
 
 TEST(SlotTable, ExistingConsistentFilesAreKept) {

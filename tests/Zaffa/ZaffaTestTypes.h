@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <cstdio>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace ZaffaTest {
@@ -144,5 +146,26 @@ inline double testBudgetSeconds(double normal, double longMode) {
    char const* l = std::getenv("ULONAT_LONG");
    return (l && std::string(l) == "1") ? longMode : normal;
 }
+
+#ifdef ZAFFA_TOOL_PATH
+// One run of zaffa-tool: its exit status and what it printed (both streams).
+struct ToolRun {
+   int status;
+   std::string output;
+};
+
+inline ToolRun zaffaTool(std::string const& args) {
+   std::string command = std::string(ZAFFA_TOOL_PATH) + " " + args + " 2>&1";
+   FILE* p = ::popen(command.c_str(), "r");
+   ToolRun r{-1, {}};
+   if (!p) return r;
+   char buffer[4096];
+   std::size_t n;
+   while ((n = std::fread(buffer, 1, sizeof buffer, p)) > 0) r.output.append(buffer, n);
+   int status = ::pclose(p);
+   r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+   return r;
+}
+#endif
 
 } // namespace ZaffaTest

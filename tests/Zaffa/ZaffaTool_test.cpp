@@ -16,23 +16,7 @@ using namespace ZaffaTest;
 
 namespace {
 
-struct ToolRun {
-   int status;
-   std::string output;
-};
-
-ToolRun tool(std::string const& args) {
-   std::string command = std::string(ZAFFA_TOOL_PATH) + " " + args + " 2>&1";
-   FILE* p = ::popen(command.c_str(), "r");
-   ToolRun r{-1, {}};
-   if (!p) return r;
-   char buffer[4096];
-   std::size_t n;
-   while ((n = std::fread(buffer, 1, sizeof buffer, p)) > 0) r.output.append(buffer, n);
-   int status = ::pclose(p);
-   r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-   return r;
-}
+ToolRun tool(std::string const& args) { return zaffaTool(args); }
 
 } // namespace
 
