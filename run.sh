@@ -43,11 +43,14 @@ case "$cmd" in
     install_packages
     # The benchmarks are built (not run) too, so that one that no longer
     # compiles is found here and not at the next measurement.
-    build build
-    (cd build && ctest --output-on-failure -j "$JOBS")
+    # Each option is given explicitly: `./run.sh sim` may have left this
+    # build folder configured without tests, and a cached OFF must not turn
+    # this run into one that finds nothing to test.
+    build build -DULONAT_BUILD_TESTS=ON -DULONAT_BUILD_TOOLS=ON -DULONAT_BUILD_BENCH=ON
+    (cd build && ctest --no-tests=error --output-on-failure -j "$JOBS")
     if [[ "${ULONAT_SKIP_SANITIZERS:-0}" != 1 ]]; then
-      build build-asan -DULONAT_SANITIZE=ON -DULONAT_BUILD_BENCH=OFF -DULONAT_BUILD_TOOLS=ON
-      (cd build-asan && ctest --output-on-failure -j "$JOBS")
+      build build-asan -DULONAT_SANITIZE=ON -DULONAT_BUILD_TESTS=ON -DULONAT_BUILD_BENCH=OFF -DULONAT_BUILD_TOOLS=ON
+      (cd build-asan && ctest --no-tests=error --output-on-failure -j "$JOBS")
     fi
     ;;
   bench)
