@@ -42,6 +42,7 @@
 #include <vector>
 
 #include "UloNat/UloNatAsyncTypes.h"
+#include "UloNat/UloNatTypes.h"
 #include "framework/IpNatHwStatus.h"
 #include "framework/IpNatStatus.h"
 #include "framework/IpNatTypes.h"
@@ -53,18 +54,6 @@
 #include "framework/UloVrfId.h"
 #include "framework/VorPtr.h"
 #include "framework/VorString.h"
-
-namespace Ulo {
-
-// The kinds of dynamic NAT rule.
-enum class DynamicNatType : Vor::U8 {
-   dynamicNatAddrOnly,
-   dynamicNatFullCone,
-   dynamicNatOverload,
-   dynamicNatPool,
-};
-
-} // namespace Ulo
 
 namespace UloHelper {
 

@@ -35,7 +35,7 @@
 #include "framework/VorPtr.h"
 #include "framework/VorSet.h"
 #include "VorZaffa/VorZaffaMap.h"
-#include "Zaffa/ZaffaNatHwShadow.h"
+#include "UloNat/UloNatHwShadowTable.h"
 
 namespace Ulo {
 

@@ -200,21 +200,10 @@ std::string NatHwShadowEntry::genericText() const {
 // ---------------------------------------------------------------------------
 // Next hops and multicast
 
-Vor::Ptr<NatNextHopId> natNextHopIdFactory(VrfAndIpAddr const& key) {
-   return Vor::Ptr<NatNextHopId>(new NatNextHopId(key));
-}
-
 U64 natHwNextHopId(Vor::Ptr<NatNextHopInfo const> const& nextHop) {
    auto id = dynamic_cast<NatNextHopId const*>(nextHop.ptr());
    return id ? id->nextHopId() : 0;
 }
-
-std::string NatMulticastData::stringValue() const {
-   return "NatMulticastData { multicast=" + std::to_string(multicast_ ? 1 : 0) +
-          ", groupId=" + std::to_string(groupId_) + ", oifSet=" + oifSet_.stringValue() + " }";
-}
-
-Vor::Ptr<NatMulticastData> NatMulticastDataIs() { return Vor::Ptr<NatMulticastData>(new NatMulticastData()); }
 
 void doPopulateNatHwDataEgrIntfArray(NatMrouteOifSet const& oifSet, NatHwData& data) {
    data.egressIntfDelAll();

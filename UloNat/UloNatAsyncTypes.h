@@ -6,9 +6,10 @@
 //   NatEgressIntfIndex range-checked indices of the two arrays of NatHwData
 //   NatHwData          what the translation does (VLANs, next hop, multicast)
 //   NatHwShadowEntry   one record of the shared-memory hardware shadow
-//   NatNextHopInfo,
-//   NatNextHopId       next hop answers read when filling NatHwData
-//   NatMulticastData   multicast state of a rule, read when filling NatHwData
+//
+// Read when filling NatHwData: the next hop answers NatNextHopInfo and
+// NatNextHopId (framework/UloNatNextHopInfo.h) and a rule's multicast state
+// NatMulticastData (UloNatMrouteTypes.h).
 //
 // NatHwKey, NatHwData and NatHwShadowEntry are stored byte for byte in the
 // shared-memory table, possibly read by another process built from the same
@@ -57,6 +58,7 @@
 #include "framework/VorHash.h"
 #include "framework/VorPtr.h"
 #include "framework/VornPodArray.h"
+#include "framework/UloNatNextHopInfo.h"
 #include "UloNat/UloNatAclTypes.h"
 #include "UloNat/UloNatMrouteTypes.h"
 
@@ -181,6 +183,16 @@ class NatHwKey {
    U32 filterAddrId_ = 0;
 
    friend struct NatHwLayout;
+};
+
+// Orders keys by every field, filterAddrId included: sibling entries of one
+// connection are told apart, so that each can have a status of its own.
+struct NatHwKeyFullLess {
+   bool operator()(NatHwKey const& a, NatHwKey const& b) const {
+      if (a < b) return true;
+      if (b < a) return false;
+      return a.filterAddrId() < b.filterAddrId();
+   }
 };
 
 // ---------------------------------------------------------------------------
@@ -387,64 +399,10 @@ struct NatHwLayout {
 // ---------------------------------------------------------------------------
 // Next hops and multicast state read while filling NatHwData
 
-// What the route resolver answers for one next hop. The hardware layer only
-// understands NatNextHopId; any other kind of answer gives no next hop id.
-class NatNextHopInfo : public Vor::Entity {
- public:
-   explicit NatNextHopInfo(VrfAndIpAddr const& key) : key_(key) {}
-   VrfAndIpAddr const& key() const { return key_; }
-
- protected:
-   ~NatNextHopInfo() override = default;
-
- private:
-   VrfAndIpAddr const key_;
-};
-
-class NatNextHopId : public NatNextHopInfo {
- public:
-   enum Attribute : Vor::AttributeId { nextHopIdAttribute = 1 };
-
-   explicit NatNextHopId(VrfAndIpAddr const& key) : NatNextHopInfo(key) {}
-   U64 nextHopId() const { return nextHopId_; }
-   // Notifies only on a change.
-   void nextHopIdIs(U64 v) { scalarIs(nextHopId_, v, nextHopIdAttribute); }
-
- private:
-   U64 nextHopId_ = 0;
-};
-
-Vor::Ptr<NatNextHopId> natNextHopIdFactory(VrfAndIpAddr const& key);
 
 // The value for NatHwData::nextHopId: the id of a NatNextHopId, 0 for null
 // or for any other kind of next hop.
 U64 natHwNextHopId(Vor::Ptr<NatNextHopInfo const> const& nextHop);
-
-// Multicast state of one rule: whether it is a multicast translation, its
-// group handle and its egress interfaces.
-class NatMulticastData : public Vor::Entity {
- public:
-   enum Attribute : Vor::AttributeId { multicastAttribute = 1, groupIdAttribute, oifSetAttribute };
-
-   bool multicast() const { return multicast_; }
-   U32 groupId() const { return groupId_; }
-   NatMrouteOifSet const& oifSet() const { return oifSet_; }
-   // Setters notify only on a change.
-   void multicastIs(bool v) { scalarIs(multicast_, v, multicastAttribute); }
-   void groupIdIs(U32 v) { scalarIs(groupId_, v, groupIdAttribute); }
-   void oifSetIs(NatMrouteOifSet const& v) { scalarIs(oifSet_, v, oifSetAttribute); }
-
-   // "NatMulticastData { multicast=1, groupId=7, oifSet=NatMrouteOifSet {...} }"
-   std::string stringValue() const;
-
- private:
-   bool multicast_ = false;
-   U32 groupId_ = 0;
-   NatMrouteOifSet oifSet_;
-};
-
-// An empty NatMulticastData.
-Vor::Ptr<NatMulticastData> NatMulticastDataIs();
 
 // Writes the interfaces of `oifSet` into data's egress array at 0, 1, 2, ...
 // after clearing it. The 65th interface raises the NatEgressIntfIndex range

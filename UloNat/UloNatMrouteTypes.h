@@ -15,6 +15,8 @@
 #include "framework/LumetIntfId.h"
 #include "framework/LumetIpAddr.h"
 #include "framework/VorHash.h"
+#include "framework/VorEntity.h"
+#include "framework/VorPtr.h"
 
 namespace Ulo {
 
@@ -95,6 +97,31 @@ struct NatMcastCtxKey {
    // Reads back what valueToStrep() writes; nothing on any other text.
    static std::optional<NatMcastCtxKey> fromStrep(std::string_view text);
 };
+// Multicast state of one rule: whether it is a multicast translation, its
+// group handle and its egress interfaces.
+class NatMulticastData : public Vor::Entity {
+ public:
+   enum Attribute : Vor::AttributeId { multicastAttribute = 1, groupIdAttribute, oifSetAttribute };
+
+   bool multicast() const { return multicast_; }
+   Vor::U32 groupId() const { return groupId_; }
+   NatMrouteOifSet const& oifSet() const { return oifSet_; }
+   // Setters notify only on a change.
+   void multicastIs(bool v) { scalarIs(multicast_, v, multicastAttribute); }
+   void groupIdIs(Vor::U32 v) { scalarIs(groupId_, v, groupIdAttribute); }
+   void oifSetIs(NatMrouteOifSet const& v) { scalarIs(oifSet_, v, oifSetAttribute); }
+
+   // "NatMulticastData { multicast=1, groupId=7, oifSet=NatMrouteOifSet {...} }"
+   std::string stringValue() const;
+
+ private:
+   bool multicast_ = false;
+   Vor::U32 groupId_ = 0;
+   NatMrouteOifSet oifSet_;
+};
+
+// An empty NatMulticastData.
+Vor::Ptr<NatMulticastData> NatMulticastDataIs();
 
 } // namespace Ulo
 

@@ -46,15 +46,6 @@ namespace Ulo {
 
 class NatSm : public UloBaseSm {
  public:
-   // Orders keys by every field, filterAddrId included: sibling entries of
-   // one connection have statuses of their own.
-   struct NatHwKeyFullLess {
-      bool operator()(NatHwKey const& a, NatHwKey const& b) const {
-         if (a < b) return true;
-         if (b < a) return false;
-         return a.filterAddrId() < b.filterAddrId();
-      }
-   };
    NatSm(Ptr<UloCommonSmData> const& commonSmData, Ptr<Ip::Nat::Status const> const& status,
          Ptr<Ip::Nat::HwStatus> const& hwStatus,
          Ptr<Ip::Nat::DynamicConnectionStatus> const& dynamicConnectionStatus,

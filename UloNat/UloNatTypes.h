@@ -54,6 +54,14 @@ enum class NatType : Vor::U8 {
 };
 char const* natTypeName(NatType type);
 
+// The kinds of dynamic NAT rule.
+enum class DynamicNatType : Vor::U8 {
+   dynamicNatAddrOnly,
+   dynamicNatFullCone,
+   dynamicNatOverload,
+   dynamicNatPool,
+};
+
 // A twice NAT entry: its group and its tuple.
 class TwiceNatKey {
  public:

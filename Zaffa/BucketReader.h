@@ -19,7 +19,7 @@
 //      moment, and the file was long enough for it then.
 
 #include "Zaffa/BucketWriter.h"
-#include "Zaffa/Mem.h"
+#include "Zaffa/platform/Mem.h"
 
 #include <string>
 

@@ -18,8 +18,8 @@
 //   1. numBuckets is a power of two and the file holds at least that many heads.
 //   2. A head whose next has bit 31 set is an empty bucket.
 
-#include "Zaffa/Jorro.h"
-#include "Zaffa/Mem.h"
+#include "Zaffa/platform/Jorro.h"
+#include "Zaffa/platform/Mem.h"
 #include "Zaffa/SlotTable.h"
 
 #include <cstring>

@@ -19,7 +19,7 @@
 //   2. numBuckets() is a power of two at least minBuckets; the map grows when
 //      it holds more entries than buckets and shrinks below a quarter.
 
-#include "Zaffa/Jorro.h"
+#include "Zaffa/platform/Jorro.h"
 #include "Zaffa/ZaffaTrace.h"
 #include "framework/VorHash.h"
 

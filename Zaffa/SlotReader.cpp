@@ -1,6 +1,6 @@
 #include "Zaffa/SlotReader.h"
 
-#include "Zaffa/Jorro.h"
+#include "Zaffa/platform/Jorro.h"
 #include "framework/VorTrace.h"
 
 VOR_TRACE_HANDLE("ZaffaSlotReader");

@@ -54,7 +54,7 @@
 //      and the file was at least as long as that table needs then.
 //   2. No store is ever made through the mapping (it is PROT_READ).
 
-#include "Zaffa/Mem.h"
+#include "Zaffa/platform/Mem.h"
 #include "Zaffa/SlotTable.h"
 
 #include <atomic>

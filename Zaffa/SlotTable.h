@@ -36,8 +36,8 @@
 //
 // Thread safety: only the writer stores; see SlotWriter.h and the readers.
 
-#include "Zaffa/Jorro.h"
-#include "Zaffa/Mem.h"
+#include "Zaffa/platform/Jorro.h"
+#include "Zaffa/platform/Mem.h"
 
 #include <cstddef>
 #include <cstring>

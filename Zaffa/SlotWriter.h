@@ -16,7 +16,7 @@
 //      table stay valid across resize().
 //   3. Slot indices are handed out lowest first from a fresh free list.
 
-#include "Zaffa/Mem.h"
+#include "Zaffa/platform/Mem.h"
 #include "Zaffa/SlotTable.h"
 
 #include <stdexcept>

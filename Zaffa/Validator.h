@@ -19,7 +19,7 @@
 
 #include "Zaffa/BucketWriter.h"
 #include "Zaffa/SlotTable.h"
-#include "Zaffa/Trevine.h"
+#include "Zaffa/platform/Trevine.h"
 
 #include <functional>
 #include <string>

@@ -1,7 +1,5 @@
 #include "Zaffa/ZaffaMap.h"
 
-#include "Zaffa/ZaffaNatHwShadow.h"
-
 #include <poll.h>
 
 namespace Zaffa {
@@ -68,8 +66,5 @@ void DescriptorWatchTask::doRun() {
    }
    if (started_) scheduleTaskDelay(interval_);
 }
-
-// The hardware shadow's map, compiled once here for the library.
-template class ZaffaMap<Ulo::NatHwKey, Ulo::NatHwShadowEntry>;
 
 } // namespace Zaffa

@@ -49,10 +49,10 @@
 //     "... . If you're seeing this, you're trying to operate on an orphan
 //     zaffa entity".
 
-#include "Zaffa/Jolt.h"
+#include "Zaffa/platform/Jolt.h"
 #include "Zaffa/MapDescriptor.h"
-#include "Zaffa/MemReaderSentry.h"
-#include "Zaffa/MemVersionAnchor.h"
+#include "Zaffa/platform/MemReaderSentry.h"
+#include "Zaffa/platform/MemVersionAnchor.h"
 #include "Zaffa/ZaffaReader.h"
 #include "Zaffa/ZaffaShadow.h"
 #include "Zaffa/ZaffaWriter.h"

@@ -57,7 +57,7 @@
 // Jorro::AssertException "{} detached" for an operation on a detached reader.
 
 #include "Zaffa/BucketReader.h"
-#include "Zaffa/SharedMemFenixFile.h"
+#include "Zaffa/platform/SharedMemFenixFile.h"
 #include "Zaffa/SlotReader.h"
 #include "Zaffa/WriterHashMap.h"
 #include "Zaffa/ZaffaTrace.h"

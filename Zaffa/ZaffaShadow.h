@@ -53,10 +53,10 @@
 //   2. Once synchronised, the store equals the shared table as of the last
 //      processed record, up to the records not yet polled.
 
-#include "Zaffa/Jolt.h"
+#include "Zaffa/platform/Jolt.h"
 #include "Zaffa/ShadowHashMap.h"
-#include "Zaffa/SharedMemOwnerFile.h"
-#include "Zaffa/Trevine.h"
+#include "Zaffa/platform/SharedMemOwnerFile.h"
+#include "Zaffa/platform/Trevine.h"
 #include "Zaffa/ZaffaReader.h"
 
 #include <chrono>

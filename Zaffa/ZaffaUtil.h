@@ -2,7 +2,7 @@
 // Small helpers of the table: the names of its files, the corruption marker,
 // and text forms of keys and values for messages.
 
-#include "Zaffa/Mem.h"
+#include "Zaffa/platform/Mem.h"
 #include "Zaffa/SlotTable.h"
 
 #include <fmt/format.h>

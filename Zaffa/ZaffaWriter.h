@@ -31,11 +31,11 @@
 // direct mode); Zaffa::TableFullException when no slot can be had (the table
 // is unchanged); Jorro::InvalidInitializeException from attach.
 
-#include "Zaffa/MemWriterLock.h"
-#include "Zaffa/SharedMemFenixFile.h"
-#include "Zaffa/SharedMemOwnerFile.h"
+#include "Zaffa/platform/MemWriterLock.h"
+#include "Zaffa/platform/SharedMemFenixFile.h"
+#include "Zaffa/platform/SharedMemOwnerFile.h"
 #include "Zaffa/SlotWriter.h"
-#include "Zaffa/Trevine.h"
+#include "Zaffa/platform/Trevine.h"
 #include "Zaffa/Validator.h"
 #include "Zaffa/WriterHashMap.h"
 #include "Zaffa/ZaffaTrace.h"

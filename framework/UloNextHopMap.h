@@ -14,7 +14,7 @@
 
 #include <cstddef>
 
-#include "UloNat/UloNatAsyncTypes.h"
+#include "framework/UloNatNextHopInfo.h"
 #include "framework/UloVrfId.h"
 #include "framework/VorEntity.h"
 #include "framework/VorHashMap2018.h"

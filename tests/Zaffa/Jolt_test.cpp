@@ -5,8 +5,8 @@
 // before its writer, that only ever looks at the table when its sentry or its
 // wake-up connection says so.
 
-#include "Zaffa/Jolt.h"
-#include "Zaffa/MemReaderSentry.h"
+#include "Zaffa/platform/Jolt.h"
+#include "Zaffa/platform/MemReaderSentry.h"
 #include "Zaffa/ZaffaShadow.h"
 #include "tests/Zaffa/ZaffaTestTypes.h"
 

@@ -5,7 +5,7 @@
 // next writer's new generation makes the shadow resynchronise; a sentry that
 // cannot be set up raises, unless in a build chroot.
 
-#include "Zaffa/MemReaderSentry.h"
+#include "Zaffa/platform/MemReaderSentry.h"
 #include "Zaffa/ZaffaShadow.h"
 #include "tests/Zaffa/ZaffaTestTypes.h"
 

@@ -4,8 +4,8 @@
 // fails cleanly instead of leaving pages that raise SIGBUS when touched.
 // And the writer lock's answer to who holds it now, which tools rely on.
 
-#include "Zaffa/Mem.h"
-#include "Zaffa/MemWriterLock.h"
+#include "Zaffa/platform/Mem.h"
+#include "Zaffa/platform/MemWriterLock.h"
 #include "tests/Zaffa/ZaffaTestTypes.h"
 
 #include <gtest/gtest.h>

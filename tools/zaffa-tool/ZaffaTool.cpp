@@ -17,9 +17,9 @@
 // a still table and exits 3.
 
 #include "UloNat/UloNatAsyncTypes.h"
-#include "Zaffa/MemWriterLock.h"
-#include "Zaffa/SharedMemFenixFile.h"
-#include "Zaffa/SharedMemOwnerFile.h"
+#include "Zaffa/platform/MemWriterLock.h"
+#include "Zaffa/platform/SharedMemFenixFile.h"
+#include "Zaffa/platform/SharedMemOwnerFile.h"
 #include "Zaffa/Validator.h"
 #include "Zaffa/WriterHashMap.h"
 #include "Zaffa/ZaffaUtil.h"

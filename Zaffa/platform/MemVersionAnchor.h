@@ -20,7 +20,7 @@
 //   1. A default-constructed anchor names no generation (fenixId 0); no
 //      attached mapping ever has one, since a written fenix id is never 0.
 
-#include "Zaffa/SharedMemFenixFile.h"
+#include "Zaffa/platform/SharedMemFenixFile.h"
 
 #include <string>
 

@@ -49,9 +49,9 @@
 //   2. writerPresent() is the state of the last report (or of start()).
 
 #include "framework/DovTask.h"
-#include "Zaffa/Jolt.h"
-#include "Zaffa/Mem.h"
-#include "Zaffa/SharedMemFenixFile.h"
+#include "Zaffa/platform/Jolt.h"
+#include "Zaffa/platform/Mem.h"
+#include "Zaffa/platform/SharedMemFenixFile.h"
 
 #include <functional>
 #include <string>

@@ -35,7 +35,7 @@
 // before `size` is raised (release), and a reader acquires `size`.
 
 #include "framework/VorHash.h"
-#include "Zaffa/Mem.h"
+#include "Zaffa/platform/Mem.h"
 
 #include <atomic>
 #include <cstring>

@@ -1,5 +1,5 @@
 #pragma once
-// The table of the hardware shadow: key Ulo::NatHwKey, value
+// The table of the hardware shadow (NatHwShadow's storage): key Ulo::NatHwKey, value
 // Ulo::NatHwShadowEntry. The figures below are the file format of this
 // instantiation; a change to either record that moves them makes every
 // existing shadow file unreadable, so they are pinned here at compile time.

@@ -1,6 +1,6 @@
-#include "Zaffa/Mem.h"
+#include "Zaffa/platform/Mem.h"
 
-#include "Zaffa/Jorro.h"
+#include "Zaffa/platform/Jorro.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,6 +1,6 @@
-#include "Zaffa/SharedMemFenixFile.h"
+#include "Zaffa/platform/SharedMemFenixFile.h"
 
-#include "Zaffa/Jorro.h"
+#include "Zaffa/platform/Jorro.h"
 
 #include <atomic>
 #include <cstdio>

@@ -1,6 +1,6 @@
-#include "Zaffa/Trevine.h"
+#include "Zaffa/platform/Trevine.h"
 
-#include "Zaffa/Jorro.h"
+#include "Zaffa/platform/Jorro.h"
 #include "framework/VorTrace.h"
 
 #include <algorithm>

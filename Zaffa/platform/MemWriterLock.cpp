@@ -1,6 +1,6 @@
-#include "Zaffa/MemWriterLock.h"
+#include "Zaffa/platform/MemWriterLock.h"
 
-#include "Zaffa/Jorro.h"
+#include "Zaffa/platform/Jorro.h"
 
 #include <cerrno>
 #include <csignal>

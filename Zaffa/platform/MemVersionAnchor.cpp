@@ -1,7 +1,7 @@
-#include "Zaffa/MemVersionAnchor.h"
+#include "Zaffa/platform/MemVersionAnchor.h"
 
-#include "Zaffa/Jorro.h"
-#include "Zaffa/Mem.h"
+#include "Zaffa/platform/Jorro.h"
+#include "Zaffa/platform/Mem.h"
 #include "Zaffa/SlotReader.h"
 #include "Zaffa/ZaffaUtil.h"
 

@@ -1,6 +1,6 @@
 // The hardware shadow's own instantiation of the table.
 
-#include "Zaffa/ZaffaNatHwShadow.h"
+#include "UloNat/UloNatHwShadowTable.h"
 #include "tests/Zaffa/ZaffaTestTypes.h"
 
 #include <gtest/gtest.h>
@@ -21,7 +21,7 @@ Ulo::NatHwShadowEntry entry(U32 i, U64 nextHop) {
 
 } // namespace
 
-TEST(ZaffaNatHwShadow, StoresShadowEntriesInTheFileFormat) {
+TEST(UloNatHwShadowTable, StoresShadowEntriesInTheFileFormat) {
    TempDir dir;
    Zaffa::WriterConfig c = config(dir.path(), 64, 1024);
    c.className = "NatHwShadow";

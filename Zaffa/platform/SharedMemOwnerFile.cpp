@@ -1,6 +1,6 @@
-#include "Zaffa/SharedMemOwnerFile.h"
+#include "Zaffa/platform/SharedMemOwnerFile.h"
 
-#include "Zaffa/Jorro.h"
+#include "Zaffa/platform/Jorro.h"
 
 #include <cerrno>
 #include <cstring>

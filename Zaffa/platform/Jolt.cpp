@@ -1,8 +1,8 @@
-#include "Zaffa/Jolt.h"
+#include "Zaffa/platform/Jolt.h"
 
-#include "Zaffa/Jorro.h"
-#include "Zaffa/Mem.h"
-#include "Zaffa/Trevine.h"
+#include "Zaffa/platform/Jorro.h"
+#include "Zaffa/platform/Mem.h"
+#include "Zaffa/platform/Trevine.h"
 #include "framework/VorTrace.h"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
-#include "Zaffa/MemReaderSentry.h"
+#include "Zaffa/platform/MemReaderSentry.h"
 
-#include "Zaffa/Jorro.h"
+#include "Zaffa/platform/Jorro.h"
 #include "Zaffa/ZaffaUtil.h"
 #include "framework/VorTrace.h"
 

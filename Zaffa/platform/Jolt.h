@@ -44,7 +44,7 @@
 
 #include "framework/DovTask.h"
 #include "framework/VorHash.h"
-#include "Zaffa/SharedMemOwnerFile.h"
+#include "Zaffa/platform/SharedMemOwnerFile.h"
 
 #include <functional>
 #include <string>

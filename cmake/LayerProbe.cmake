@@ -1,0 +1,35 @@
+# Compiles one-line sources with the include directories of one layer and
+# checks that the layer's own and lower headers are found and the higher
+# ones are not. Run by tests/layers.cmake:
+#   cmake -DCXX=... -DINCS=a|b -DWORK=dir -DOWN=hdr -DFORBIDDEN=h1|h2 -P LayerProbe.cmake
+string(REPLACE "|" ";" incs "${INCS}")
+string(REPLACE "|" ";" forbidden "${FORBIDDEN}")
+set(flags -std=c++20 -fsyntax-only)
+foreach(dir ${incs})
+  list(APPEND flags -I${dir})
+endforeach()
+file(MAKE_DIRECTORY ${WORK})
+
+function(probe header outcome)
+  string(MAKE_C_IDENTIFIER "${header}" id)
+  set(src ${WORK}/${id}.cpp)
+  file(WRITE ${src} "#include \"${header}\"\n")
+  execute_process(COMMAND ${CXX} ${flags} ${src} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE out)
+  if(outcome STREQUAL "found" AND NOT rc EQUAL 0)
+    message(FATAL_ERROR "${header} should compile here and does not:\n${out}")
+  endif()
+  if(outcome STREQUAL "refused")
+    if(rc EQUAL 0)
+      message(FATAL_ERROR "${header} is reachable from this layer; an include of it would pass unseen")
+    endif()
+    if(NOT out MATCHES "No such file or directory")
+      message(FATAL_ERROR "${header} fails for another reason than not being found:\n${out}")
+    endif()
+  endif()
+  message(STATUS "${header}: ${outcome}")
+endfunction()
+
+probe("${OWN}" found)
+foreach(h ${forbidden})
+  probe("${h}" refused)
+endforeach()
