@@ -222,9 +222,9 @@ void NatSm::handleNatIntfStatus(Lumet::IntfId const& intf) {
    if (natIntfStatusSm(intf)) return;
 
    {
-      auto vrfStatus = natSmStatus_->natSmStatusVrfIs(vrfId);
-      uloAssert(vrfStatus);
-      vrfStatus->intfIs(intf);
+      auto bornIn = natSmStatus_->natSmStatusVrfIs(vrfId);
+      uloAssert(bornIn);
+      bornIn->intfIs(intf);
    }
 
    auto engine = natIntfStatusSmIs(commonSmDataMutable_, member, st, hwStatus_,

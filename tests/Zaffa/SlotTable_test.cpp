@@ -252,7 +252,7 @@ INSTANTIATE_TEST_SUITE_P(
                // The slot file is checked against itself and passes; the
                // bucket file is the first to disagree with the fenix file.
                "failed to attach to existing files", "invalid: bucket file bad fenix:"}),
-   [](auto const& info) { return std::string(info.param.name); });
+   [](auto const& testInfo) { return std::string(testInfo.param.name); });
 
 TEST(SlotTable, ExistingConsistentFilesAreKept) {
    TempDir dir;

@@ -155,7 +155,7 @@ INSTANTIATE_TEST_SUITE_P(
                v->key.id += 1000;   // the stored rhash no longer fits the key
             },
             "corrupt key detected, slot: ", false}),
-   [](auto const& info) { return std::string(info.param.name); });
+   [](auto const& testInfo) { return std::string(testInfo.param.name); });
 
 TEST(Validator, EmptyTableWithAFullFreeListIsValid) {
    TempDir dir;

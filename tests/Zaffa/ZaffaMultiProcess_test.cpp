@@ -278,9 +278,9 @@ TEST(ZaffaMultiProcess, ReadersNeverSeeATornValueOrAnUnwrittenKey) {
    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
    std::printf("writer: %llu operations, slot grows %llu, slot shrinks %llu, bucket grows %llu, "
                "bucket shrinks %llu, valid at end %d\n",
-               (unsigned long long)wr.operations, (unsigned long long)wr.slotGrows,
-               (unsigned long long)wr.slotShrinks, (unsigned long long)wr.bucketGrows,
-               (unsigned long long)wr.bucketShrinks, wr.ok);
+               static_cast<unsigned long long>(wr.operations), static_cast<unsigned long long>(wr.slotGrows),
+               static_cast<unsigned long long>(wr.slotShrinks), static_cast<unsigned long long>(wr.bucketGrows),
+               static_cast<unsigned long long>(wr.bucketShrinks), wr.ok);
    EXPECT_EQ(wr.ok, 1);
    EXPECT_GT(wr.slotShrinks, 0u) << "the churn must compact the table at least once";
    EXPECT_GT(wr.bucketGrows, 0u);
@@ -293,12 +293,12 @@ TEST(ZaffaMultiProcess, ReadersNeverSeeATornValueOrAnUnwrittenKey) {
       std::printf("reader %d: %llu lookups (%llu hits, %llu of never-written keys), %llu walks over "
                   "%llu entries; lookaside reads %llu, slot retries %llu, walk restarts %llu, "
                   "slow paths %llu, resizes %llu; failures %llu\n",
-                  i, (unsigned long long)rr.lookups, (unsigned long long)rr.hits,
-                  (unsigned long long)rr.neverWrittenLookups, (unsigned long long)rr.walks,
-                  (unsigned long long)rr.walkEntries, (unsigned long long)rr.lookasideReads,
-                  (unsigned long long)rr.retries, (unsigned long long)rr.walkRestarts,
-                  (unsigned long long)rr.slowPaths, (unsigned long long)rr.resizes,
-                  (unsigned long long)rr.failures);
+                  i, static_cast<unsigned long long>(rr.lookups), static_cast<unsigned long long>(rr.hits),
+                  static_cast<unsigned long long>(rr.neverWrittenLookups), static_cast<unsigned long long>(rr.walks),
+                  static_cast<unsigned long long>(rr.walkEntries), static_cast<unsigned long long>(rr.lookasideReads),
+                  static_cast<unsigned long long>(rr.retries), static_cast<unsigned long long>(rr.walkRestarts),
+                  static_cast<unsigned long long>(rr.slowPaths), static_cast<unsigned long long>(rr.resizes),
+                  static_cast<unsigned long long>(rr.failures));
       EXPECT_EQ(rr.failures, 0u) << "reader " << i << ": " << rr.firstFailure;
       EXPECT_GT(rr.lookups, 1000u);
       EXPECT_GT(rr.hits, 0u);
@@ -347,8 +347,8 @@ TEST(ZaffaMultiProcess, ShadowsConvergeToTheWritersFinalState) {
    ::waitpid(writer, &status, 0);
    EXPECT_EQ(wr.ok, 1);
    std::printf("writer: %llu operations, slot shrinks %llu, bucket grows %llu\n",
-               (unsigned long long)wr.operations, (unsigned long long)wr.slotShrinks,
-               (unsigned long long)wr.bucketGrows);
+               static_cast<unsigned long long>(wr.operations), static_cast<unsigned long long>(wr.slotShrinks),
+               static_cast<unsigned long long>(wr.bucketGrows));
    char word[4] = {1, 1, 1, 1};
    ASSERT_EQ(::write(done[1], word, shadows), shadows);
    ::close(done[1]);
@@ -357,10 +357,10 @@ TEST(ZaffaMultiProcess, ShadowsConvergeToTheWritersFinalState) {
       ::waitpid(pids[i], &status, 0);
       std::printf("shadow %d: %llu polls, %llu notifications, %llu keys reported, %llu discarded, "
                   "final check of %llu keys (%llu present); failures %llu\n",
-                  i, (unsigned long long)rr.walks, (unsigned long long)rr.retries,
-                  (unsigned long long)rr.walkEntries, (unsigned long long)rr.slowPaths,
-                  (unsigned long long)rr.lookups, (unsigned long long)rr.hits,
-                  (unsigned long long)rr.failures);
+                  i, static_cast<unsigned long long>(rr.walks), static_cast<unsigned long long>(rr.retries),
+                  static_cast<unsigned long long>(rr.walkEntries), static_cast<unsigned long long>(rr.slowPaths),
+                  static_cast<unsigned long long>(rr.lookups), static_cast<unsigned long long>(rr.hits),
+                  static_cast<unsigned long long>(rr.failures));
       EXPECT_EQ(rr.failures, 0u) << "shadow " << i << ": " << rr.firstFailure;
       EXPECT_EQ(rr.lookups, keySpace);
       EXPECT_GT(rr.walkEntries, 1000u);

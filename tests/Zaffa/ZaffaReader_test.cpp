@@ -574,10 +574,10 @@ TEST(ZaffaReader, LongChainLookupsReturnOnlyWholeValuesWhileAWriterChurns) {
    auto const& counters = r.counters();
    std::printf("chain of %zu: %llu lookups (%llu hits, %llu misses of removed keys), %llu walks; lookaside "
                "reads %llu, slot retries %llu, walk restarts %llu\n",
-               present.size(), (unsigned long long)report.lookups, (unsigned long long)report.hits,
-               (unsigned long long)report.misses, (unsigned long long)report.walks,
-               (unsigned long long)counters.lookasideReads, (unsigned long long)counters.retries,
-               (unsigned long long)counters.walkRestarts);
+               present.size(), static_cast<unsigned long long>(report.lookups), static_cast<unsigned long long>(report.hits),
+               static_cast<unsigned long long>(report.misses), static_cast<unsigned long long>(report.walks),
+               static_cast<unsigned long long>(counters.lookasideReads), static_cast<unsigned long long>(counters.retries),
+               static_cast<unsigned long long>(counters.walkRestarts));
    EXPECT_EQ(report.failures, 0u) << report.firstFailure;
    if (report.failures == 0) {
       EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "writer status " << status;

@@ -17,7 +17,7 @@ namespace {
 
 // Stands for an entity: it records its own destruction.
 struct Member {
-   explicit Member(int key, std::vector<int>* destroyed) : key(key), destroyed(destroyed) {}
+   explicit Member(int k, std::vector<int>* log) : key(k), destroyed(log) {}
    ~Member() { destroyed->push_back(key); }
    int key;
    std::vector<int>* destroyed;

@@ -29,7 +29,7 @@ struct Endpoint {
 // A value that is neither default-constructible nor copyable.
 struct Counted {
    static inline int alive = 0;
-   explicit Counted(int v) : v(v) { ++alive; }
+   explicit Counted(int value) : v(value) { ++alive; }
    Counted(Counted&& o) noexcept : v(o.v) { ++alive; }
    Counted& operator=(Counted&& o) noexcept {
       v = o.v;
@@ -43,7 +43,7 @@ struct Counted {
 class Shared : public Vor::PtrInterface {
  public:
    static inline int alive = 0;
-   explicit Shared(int v) : v(v) { ++alive; }
+   explicit Shared(int value) : v(value) { ++alive; }
    ~Shared() override { --alive; }
    int v;
 };
