@@ -10,14 +10,14 @@ VOR_TRACE_HANDLE("UloNatAsyncProgrammerSm");
 
 NatAsyncProgrammerSm::VorHwConfigDir::VorHwConfigDir(NatAsyncProgrammerSm* sm)
     : Reactor(sm, [] {
-         static Bindings const b{onKey<NatHwKey>(NatAsyncHwConfigDir::configId, &NatAsyncProgrammerSm::handleConfig)};
+         static Bindings const b{onKey<&NatAsyncProgrammerSm::handleConfig>(NatAsyncHwConfigDir::configId)};
          return std::cref(b);
       }()) {}
 
 NatAsyncProgrammerSm::VorHwConfig::VorHwConfig(Vor::Ptr<NatAsyncHwConfig const> const& config,
                                                NatAsyncProgrammerSm* sm)
     : Reactor(this, [] {
-         static Bindings const b{onEvent(NatAsyncHwConfig::opTypeId, &VorHwConfig::handleOpType)};
+         static Bindings const b{onEvent<&VorHwConfig::handleOpType>(NatAsyncHwConfig::opTypeId)};
          return std::cref(b);
       }()),
       sm_(sm),

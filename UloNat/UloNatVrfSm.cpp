@@ -46,24 +46,6 @@ Ptr<PendingVrfConfig> pendingVrfConfigFactory() { return Ptr<PendingVrfConfig>(n
 // NatVrfSm
 // ===========================================================================
 
-NatVrfSm::VorVrfStatus::VorVrfStatus(NatVrfSm* sm)
-    : Reactor(sm, [] () -> Bindings const& {
-         static Bindings const b{
-            onKey<Lumet::IpAddr>(
-               Ip::Nat::VrfStatus::staticNatId,
-               static_cast<void (NatVrfSm::*)(Lumet::IpAddr const&)>(&NatVrfSm::handleStaticConnection)),
-            onScalar(Ip::Nat::VrfStatus::policerId, &NatVrfSm::handleSourcePolicer),
-         };
-         return b;
-      }()) {}
-
-NatVrfSm::VorUnprgReviewTask::VorUnprgReviewTask(NatVrfSm* sm)
-    : Reactor(sm, [] () -> Bindings const& {
-         static Bindings const b{
-            onEvent(Dov::Task::taskRunId, &NatVrfSm::reviewUnprogrammedNatRules)};
-         return b;
-      }()) {}
-
 NatVrfSm::NatVrfSm(Vor::String const& name, NatVrfRootSm* natVrfRootSm,
                    Ptr<Ip::Nat::VrfStatus const> const& vrfStatus,
                    Ptr<Ip::Nat::HwVrfStatus> const& hwVrfStatus,
@@ -73,14 +55,12 @@ NatVrfSm::NatVrfSm(Vor::String const& name, NatVrfRootSm* natVrfRootSm,
                    Ptr<Dov::TaskScheduler> const& scheduler)
     : name_(name),
       natVrfRootSm_(natVrfRootSm),
-      vrfStatus_(this, [this] { return std::make_unique<VorVrfStatus>(this); }),
       hwVrfStatus_(hwVrfStatus),
       hwCapabilities_(hwCapabilities),
       routingHwRouteStatus_(routingHwRouteStatus),
       natHelper_(natHelper),
-      scheduler_(scheduler),
-      unprgReviewTask_(this, [this] { return std::make_unique<VorUnprgReviewTask>(this); }) {
-   vrfStatus_.notifierIs(vrfStatus);
+      scheduler_(scheduler) {
+   vrfStatus_.attach(vrfStatus);
    handleInitialized();
 }
 
@@ -372,42 +352,15 @@ void NatVrfSm::doCleanup() {
 // NatVrfRootSm
 // ===========================================================================
 
-NatVrfRootSm::VorStatus::VorStatus(NatVrfRootSm* sm)
-    : Reactor(sm, [] () -> Bindings const& {
-         static Bindings const b{onKey<L3::VrfName>(
-            Ip::Nat::Status::vrfStatusId,
-            static_cast<void (NatVrfRootSm::*)(L3::VrfName const&)>(&NatVrfRootSm::handleNatVrfStatus))};
-         return b;
-      }()) {}
-
-NatVrfRootSm::VorRoutingHwRouteStatus::VorRoutingHwRouteStatus(NatVrfRootSm* sm)
-    : Reactor(sm, [] () -> Bindings const& {
-         static Bindings const b{onMembers<L3::VrfName>(
-            Routing::Hardware::RouteStatus::vrfStatusId,
-            static_cast<void (NatVrfRootSm::*)(L3::VrfName const&)>(nullptr), &NatVrfRootSm::vrfStatus_,
-            [](Routing::Hardware::RouteStatus const& n, L3::VrfName const& k) { return n.vrfStatus(k); },
-            [](Routing::Hardware::RouteStatus const& n, auto const& visit) {
-               for (auto const& [k, v] : n.vrfStatus()) visit(k, v);
-            })};
-         return b;
-      }()) {}
-
-NatVrfRootSm::VorVrfStatus::VorVrfStatus(NatVrfRootSm* sm, L3::VrfName const& vrf)
-    : Reactor(this, [] () -> Bindings const& {
-         static Bindings const b{
-            onScalar(Routing::Hardware::VrfStatus::vrfIdId, &VorVrfStatus::handleVrfId)};
-         return b;
-      }()),
-      sm_(sm),
-      vrf_(vrf) {}
-
-void NatVrfRootSm::VorVrfStatus::handleVrfId() {
-   auto const* hwVrf = notifier();
+void NatVrfRootSm::handleHwVrfId(L3::VrfName const& vrf) {
+   auto const routes = routingHwRouteStatus_.notifier();
+   if (!routes) return;
+   auto const hwVrf = routes->vrfStatus(vrf);
    if (!hwVrf) return;
    U32 const vrfId = hwVrf->vrfId().value();
    // Every machine, whatever its VRF: a rule of one VRF may point into this one.
-   for (auto const& name : sm_->natVrfSms().keys()) {
-      if (auto sm = sm_->natVrfSm(name)) sm->handleVrfId(vrf_, vrfId);
+   for (auto const& name : natVrfSms().keys()) {
+      if (auto sm = natVrfSm(name)) sm->handleVrfId(vrf, vrfId);
    }
 }
 
@@ -417,19 +370,13 @@ NatVrfRootSm::NatVrfRootSm(Ptr<Ip::Nat::Status const> const& status,
                            Ptr<Routing::Hardware::RouteStatus const> const& routingHwRouteStatus,
                            Ptr<UloHelper::UloHelperNat> const& natHelper,
                            Ptr<Dov::TaskScheduler> const& scheduler)
-    : status_(this, [this] { return std::make_unique<VorStatus>(this); }),
-      hwStatus_(hwStatus),
+    : hwStatus_(hwStatus),
       hwCapabilities_(hwCapabilities),
-      routingHwRouteStatus_(this, [this] { return std::make_unique<VorRoutingHwRouteStatus>(this); }),
       natHelper_(natHelper),
       scheduler_(scheduler),
-      natVrfSm_(this),
-      vrfStatus_(this, [this](L3::VrfName const& vrf) { return std::make_unique<VorVrfStatus>(this, vrf); }) {
-   status_.notifierIs(status);
-   routingHwRouteStatus_.notifierIs(routingHwRouteStatus);
-   if (routingHwRouteStatus) {
-      for (auto const& [vrf, member] : routingHwRouteStatus->vrfStatus()) vrfStatus_.xIs(vrf, member);
-   }
+      natVrfSm_(this) {
+   status_.attach(status);
+   routingHwRouteStatus_.attach(routingHwRouteStatus);
    handleInitialized();
 }
 

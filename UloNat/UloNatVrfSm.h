@@ -116,16 +116,6 @@ class NatVrfRootSm;
 // The rules and the source policer of one NAT VRF.
 class NatVrfSm : public Vor::PtrInterface, public Vor::PartOwner {
  public:
-   // The VRF's configuration: its rules, by srcAddressOld, and its policer.
-   class VorVrfStatus : public Vor::Reactor<Ip::Nat::VrfStatus, NatVrfSm> {
-    public:
-      explicit VorVrfStatus(NatVrfSm* sm);
-   };
-   class VorUnprgReviewTask : public Dov::Task::Reactor<NatVrfSm> {
-    public:
-      explicit VorUnprgReviewTask(NatVrfSm* sm);
-   };
-
    // Seconds between two retries of refused rules.
    static constexpr double unprgReviewDelay = 5.0;
 
@@ -228,7 +218,13 @@ class NatVrfSm : public Vor::PtrInterface, public Vor::PartOwner {
 
    Vor::String const name_;
    NatVrfRootSm* const natVrfRootSm_;
-   Vor::ReactorSlot<VorVrfStatus> vrfStatus_;
+   // The VRF's configuration: its rules, by srcAddressOld, and its policer.
+   Vor::Watch<Ip::Nat::VrfStatus, NatVrfSm,
+              Vor::OnKey<Ip::Nat::VrfStatus::staticNatId,
+                         static_cast<void (NatVrfSm::*)(Lumet::IpAddr const&)>(
+                            &NatVrfSm::handleStaticConnection)>,
+              Vor::OnScalar<Ip::Nat::VrfStatus::policerId, &NatVrfSm::handleSourcePolicer>>
+      vrfStatus_{this};
    Ptr<Ip::Nat::HwVrfStatus> hwVrfStatus_;
    Ptr<Ip::Nat::HwCapabilities const> hwCapabilities_;
    Ptr<Routing::Hardware::RouteStatus const> routingHwRouteStatus_;
@@ -236,7 +232,8 @@ class NatVrfSm : public Vor::PtrInterface, public Vor::PartOwner {
    Ptr<Dov::TaskScheduler> scheduler_;
    L3::VrfName vrf_;
    Ptr<Dov::TimerTask> unprgReviewTaskPtr_;
-   Vor::ReactorSlot<VorUnprgReviewTask> unprgReviewTask_;
+   Vor::Watch<Dov::Task, NatVrfSm, Vor::OnEvent<Dov::Task::taskRunId, &NatVrfSm::reviewUnprogrammedNatRules>>
+      unprgReviewTask_{this};
    bool forceTableFull_ = false;
    RulesByVrf pendingNatRules_;
    Ptr<PendingVrfConfig> pendingVrfConfig_;
@@ -247,28 +244,6 @@ class NatVrfSm : public Vor::PtrInterface, public Vor::PartOwner {
 // rules of all of them.
 class NatVrfRootSm : public Vor::PtrInterface, public Vor::PartOwner {
  public:
-   // The NAT VRFs of the configuration.
-   class VorStatus : public Vor::Reactor<Ip::Nat::Status, NatVrfRootSm> {
-    public:
-      explicit VorStatus(NatVrfRootSm* sm);
-   };
-   // The hardware VRFs: one VorVrfStatus each, no handler of its own.
-   class VorRoutingHwRouteStatus : public Vor::Reactor<Routing::Hardware::RouteStatus, NatVrfRootSm> {
-    public:
-      explicit VorRoutingHwRouteStatus(NatVrfRootSm* sm);
-   };
-   // One hardware VRF's id.
-   class VorVrfStatus : public Vor::Reactor<Routing::Hardware::VrfStatus, VorVrfStatus> {
-    public:
-      VorVrfStatus(NatVrfRootSm* sm, L3::VrfName const& vrf);
-      // Tells every NatVrfSm the VRF's present id.
-      void handleVrfId();
-
-    private:
-      NatVrfRootSm* sm_;
-      L3::VrfName vrf_;
-   };
-
    // Stores the arguments, attaches the reactors (no delivery), makes a
    // VorVrfStatus per hardware VRF, and runs handleInitialized().
    NatVrfRootSm(Ptr<Ip::Nat::Status const> const& status, Ptr<Ip::Nat::HwStatus> const& hwStatus,
@@ -320,6 +295,8 @@ class NatVrfRootSm : public Vor::PtrInterface, public Vor::PartOwner {
    // emptied of what stood there before; cleans up and removes the machine
    // and the hardware status of one that went.
    void handleNatVrfStatus(L3::VrfName const& name);
+   // Hardware VRF `vrf` has a new id (or lost it): tells every NatVrfSm.
+   void handleHwVrfId(L3::VrfName const& vrf);
    // Cleans up and removes every machine.
    void doCleanup();
 
@@ -330,15 +307,28 @@ class NatVrfRootSm : public Vor::PtrInterface, public Vor::PartOwner {
    void vorDoZombieReactors(bool zombie) { partsZombieIs(zombie); }
 
  private:
-   Vor::ReactorSlot<VorStatus> status_;
+   // The NAT VRFs of the configuration.
+   Vor::Watch<Ip::Nat::Status, NatVrfRootSm,
+              Vor::OnKey<Ip::Nat::Status::vrfStatusId,
+                         static_cast<void (NatVrfRootSm::*)(L3::VrfName const&)>(
+                            &NatVrfRootSm::handleNatVrfStatus)>>
+      status_{this};
    Ptr<Ip::Nat::HwStatus> hwStatus_;
    Ptr<Ip::Nat::HwCapabilities const> hwCapabilities_;
-   Vor::ReactorSlot<VorRoutingHwRouteStatus> routingHwRouteStatus_;
+   // One reactor per hardware VRF, on its id; declared before the reactor
+   // of their collection, which names it.
+   Vor::WatchMembers<L3::VrfName, Routing::Hardware::VrfStatus, NatVrfRootSm,
+                     Vor::OnScalar<Routing::Hardware::VrfStatus::vrfIdId, &NatVrfRootSm::handleHwVrfId>>
+      vrfStatus_{this};
+   // The hardware VRFs: members only, no handler of the collection's own.
+   Vor::Watch<Routing::Hardware::RouteStatus, NatVrfRootSm,
+              Vor::OnMembers<Routing::Hardware::RouteStatus::vrfStatusId, nullptr, &NatVrfRootSm::vrfStatus_,
+                             Vor::collection(&Routing::Hardware::RouteStatus::vrfStatus)>>
+      routingHwRouteStatus_{this};
    Ptr<UloHelper::UloHelperNat> natHelper_;
    Ptr<Dov::TaskScheduler> scheduler_;
    Vor::ChildMachines<Vor::String, NatVrfSm> natVrfSm_;
    RulesByVrf unprogrammedNatRules_;
-   Vor::MemberReactors<L3::VrfName, VorVrfStatus> vrfStatus_;
    bool initialized_ = false;
 };
 

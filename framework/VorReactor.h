@@ -289,10 +289,6 @@ class Reactor : public PtrInterface::NotifieeConst {
       // Member reactors of a collection: follow one key, or all of `n`.
       void (*reconcileOne)(O& o, N const& n, void const* key, Binding const& self) = nullptr;
       void (*reconcileAll)(O& o, N const& n, Binding const& self) = nullptr;
-      // State of the run-time forms (handlers given as std::function);
-      // null for the compile-time forms.
-      std::shared_ptr<void const> handlerData;
-      std::shared_ptr<void const> membersData;
    };
    using Bindings = std::vector<Binding>;
 
@@ -366,71 +362,6 @@ class Reactor : public PtrInterface::NotifieeConst {
       return b;
    }
 
-   // ---- builders with run-time handlers ----
-   // For lambdas and for reactor classes written before the compile-time
-   // forms (a member-function pointer converts to the std::function). Each
-   // delivery costs a std::function call more.
-   static Binding onScalar(AttributeId id, std::function<void(O&)> f) {
-      return runTime(id, Binding::Kind::scalar, std::move(f));
-   }
-   static Binding onEvent(AttributeId id, std::function<void(O&)> f) {
-      return runTime(id, Binding::Kind::event, std::move(f));
-   }
-   template <typename K>
-   static Binding onKey(AttributeId id, std::function<void(O&, K const&)> f) {
-      using F = std::function<void(O&, K const&)>;
-      Binding b;
-      b.id = id;
-      b.kind = Binding::Kind::keyed;
-      b.handlerData = std::make_shared<F const>(std::move(f));
-      b.call = [](O& o, void const* key, void const*, Binding const& self) {
-         (*static_cast<F const*>(self.handlerData.get()))(o, *static_cast<K const*>(key));
-      };
-      return b;
-   }
-   // The run-time forms of OnRepoint and OnMembers, for reactor classes
-   // written before the declarative ones (new code declares its reactors
-   // with Watch and WatchMembers). `lookup(n, key)` yields the notifier's
-   // member or null, `forEach(n, visit)` calls visit(key, member) for each.
-   static Binding onRepoint(std::function<void(O&)> f) {
-      return runTime(noAttributeId, Binding::Kind::scalar, std::move(f));
-   }
-   template <typename K, typename MemberReactorsT, typename Lookup, typename ForEach>
-   static Binding onMembers(AttributeId id, void (O::*handler)(K const&),
-                            MemberReactorsT O::*reactors, Lookup lookup, ForEach forEach) {
-      struct Members {
-         std::function<void(O&, N const&, K const&)> one;
-         std::function<void(O&, N const&)> all;
-      };
-      Binding b;
-      if (handler) {
-         b = onKey<K>(id, std::function<void(O&, K const&)>(handler));
-      } else {
-         b.id = id;
-         b.kind = Binding::Kind::keyed;
-      }
-      b.membersData = std::make_shared<Members const>(Members{
-         [reactors, lookup](O& o, N const& n, K const& k) {
-            auto member = lookup(n, k);
-            if (member) {
-               (o.*reactors).xIs(k, member);
-            } else {
-               (o.*reactors).xDel(k);
-            }
-         },
-         [reactors, lookup, forEach](O& o, N const& n) {
-            (o.*reactors).reconcile([&](auto const& visit) { forEach(n, visit); },
-                                    [&](K const& k) { return static_cast<bool>(lookup(n, k)); });
-         }});
-      b.reconcileOne = [](O& o, N const& n, void const* key, Binding const& self) {
-         static_cast<Members const*>(self.membersData.get())->one(o, n, *static_cast<K const*>(key));
-      };
-      b.reconcileAll = [](O& o, N const& n, Binding const& self) {
-         static_cast<Members const*>(self.membersData.get())->all(o, n);
-      };
-      return b;
-   }
-
  protected:
    bool initialDelivery() override {
       N const* n = notifier();
@@ -463,18 +394,6 @@ class Reactor : public PtrInterface::NotifieeConst {
       b.call = call;
       return b;
    }
-   static Binding runTime(AttributeId id, typename Binding::Kind kind, std::function<void(O&)> f) {
-      using F = std::function<void(O&)>;
-      Binding b;
-      b.id = id;
-      b.kind = kind;
-      b.handlerData = std::make_shared<F const>(std::move(f));
-      b.call = [](O& o, void const*, void const*, Binding const& self) {
-         (*static_cast<F const*>(self.handlerData.get()))(o);
-      };
-      return b;
-   }
-
    // A scalar handler: without argument, or with the watched member's key.
    template <auto Handler>
    static void callScalar(O& o, void const*, void const* memberKey, Binding const&) {

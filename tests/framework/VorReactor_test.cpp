@@ -322,51 +322,6 @@ TEST(ReactorLife, MemberReactorThatDiesWhileRepointedIsNotReturned) {
    EXPECT_EQ(sm->ruleReactors_.size(), 0u);
 }
 
-// A reactor class in the run-time style (handlers as std::function, members
-// found through lambdas) delivers as the declared ones do.
-class RunTimeSm : public Ulo::UloBaseSm {
- public:
-   RunTimeSm() : Ulo::UloBaseSm(Ptr<Ulo::UloCommonSmData const>()) {}
-   struct VorRule : Vor::Reactor<Rule, RunTimeSm> {
-      explicit VorRule(RunTimeSm* sm) : Reactor(sm, table()) {}
-      static Bindings const& table() {
-         static Bindings const b{onScalar(Rule::enabledId, [](RunTimeSm& sm) { sm.calls.push_back("enabled"); })};
-         return b;
-      }
-   };
-   struct VorConfig : Vor::Reactor<Config, RunTimeSm> {
-      explicit VorConfig(RunTimeSm* sm) : Reactor(sm, table()) {}
-      static Bindings const& table() {
-         static Bindings const b{
-            onRepoint([](RunTimeSm& sm) { sm.calls.push_back("repoint"); }),
-            onMembers<int>(Config::ruleId, &RunTimeSm::handleRule, &RunTimeSm::rules_,
-                           [](Config const& c, int k) { return c.rule(k); },
-                           [](Config const& c, auto const& visit) {
-                              for (auto const& [k, r] : c.rules()) visit(k, Ptr<Rule const>(r));
-                           })};
-         return b;
-      }
-   };
-   void handleRule(int const& k) { calls.push_back("rule" + std::to_string(k)); }
-   std::vector<std::string> calls;
-   Vor::MemberReactors<int, VorRule> rules_{this, [this](int const&) { return std::make_unique<VorRule>(this); }};
-   Vor::ReactorSlot<VorConfig> config_{this, [this] { return std::make_unique<VorConfig>(this); }};
-};
-
-TEST(ReactorDelivery, RunTimeFormsDeliverAsTheDeclaredOnes) {
-   Ptr<Config> first(new Config);
-   first->ruleIs(1);
-   Ptr<RunTimeSm> sm(new RunTimeSm);
-   sm->config_.attach(first);
-   EXPECT_EQ(sm->rules_.size(), 1u);
-   Ptr<Rule> r2 = first->ruleIs(2);
-   r2->enabledIs(true);
-   Ptr<Config> second(new Config);
-   sm->config_.notifierIs(second);
-   EXPECT_EQ(sm->calls, (std::vector<std::string>{"rule2", "enabled", "repoint"}));
-   EXPECT_EQ(sm->rules_.size(), 0u);
-}
-
 // initializedIs runs handleInitialized only on a change.
 class CountingSm : public Ulo::UloBaseSm {
  public:
