@@ -7,12 +7,15 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 
-DEBIAN_PACKAGES=(build-essential cmake pkg-config libfmt-dev libgtest-dev libgmock-dev
-                 libbenchmark-dev nlohmann-json3-dev libcli11-dev liblmdb-dev libboost-dev)
+# What the library and the tools need; the tests and the benchmarks add theirs,
+# so that `./run.sh sim` installs only what the simulator builds with.
+SIM_PACKAGES=(build-essential cmake libfmt-dev nlohmann-json3-dev libcli11-dev)
+TEST_PACKAGES=(libgtest-dev libgmock-dev pkg-config)
+BENCH_PACKAGES=(libbenchmark-dev liblmdb-dev libboost-dev)
 
-install_packages() {
+install_packages() { # install_packages <package>...
   local missing=()
-  for p in "${DEBIAN_PACKAGES[@]}"; do
+  for p in "$@"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
   done
   if ((${#missing[@]})); then
@@ -46,12 +49,12 @@ cmd=${1:-}
 shift || true
 case "$cmd" in
   sim)
-    install_packages
+    install_packages "${SIM_PACKAGES[@]}"
     build build "$PLAIN_FLAGS" -DULONAT_BUILD_TESTS=OFF -DULONAT_BUILD_BENCH=OFF
     exec ./build/tools/ulonat-sim "$@"
     ;;
   test)
-    install_packages
+    install_packages "${SIM_PACKAGES[@]}" "${TEST_PACKAGES[@]}" "${BENCH_PACKAGES[@]}"
     # The benchmarks are built (not run) too, so that one that no longer
     # compiles is found here and not at the next measurement.
     # Each option is given explicitly: `./run.sh sim` may have left this
@@ -65,7 +68,7 @@ case "$cmd" in
     fi
     ;;
   bench)
-    install_packages
+    install_packages "${SIM_PACKAGES[@]}" "${BENCH_PACKAGES[@]}"
     build build-bench "-O3 -DNDEBUG" -DCMAKE_BUILD_TYPE=Release -DULONAT_BUILD_TESTS=OFF
     for b in build-bench/bench/*_bench; do echo "== $b"; "$b" "$@"; done
     ;;
