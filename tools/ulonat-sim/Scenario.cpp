@@ -2,7 +2,14 @@
 #include "tools/ulonat-sim/ScenarioFields.h"
 #include "tools/ulonat-sim/ScenarioVrf.h"
 
-#include <fstream>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <iostream>
 #include <limits>
 #include <set>
 #include <sstream>
@@ -202,6 +209,15 @@ Scenario loadScenario(std::string const& file, json const& doc) {
    if (!events.is_array()) top.fail("events", "must be a list of events");
    double last = 0.0;
    std::size_t index = 0;
+   // Interfaces configured so far in the list: a rule on any other would be
+   // ignored by the run, so it is refused here, before anything runs.
+   std::set<std::string> configured;
+   auto requireConfigured = [&](Fields const& f, std::string const& intf) {
+      if (!configured.count(Lumet::IntfId(intf).stringValue())) {
+         f.fail("intf", "interface '" + intf +
+                           "' is not configured here (no earlier \"intf\" event, or removed by \"intfDel\")");
+      }
+   };
    for (auto const& item : events) {
       ++index;
       std::string where = "event #" + std::to_string(index);
@@ -219,6 +235,7 @@ Scenario loadScenario(std::string const& file, json const& doc) {
          s.explicitStart = true;
       } else if (e.kind == "intf") {
          e.intf = f.intf("intf");
+         configured.insert(Lumet::IntfId(e.intf).stringValue());
          e.vrf = f.string("vrf", "");
          if (e.vrf.size() > 100) f.fail("vrf", "longer than 100 bytes");
          e.configKey = f.string("configKey", e.intf);
@@ -239,6 +256,7 @@ Scenario loadScenario(std::string const& file, json const& doc) {
          if (e.vrf.size() > 100) f.fail("vrf", "longer than 100 bytes");
       } else if (e.kind == "intfDel") {
          e.intf = f.intf("intf");
+         configured.erase(Lumet::IntfId(e.intf).stringValue());
       } else if (e.kind == "vrf") {
          e.vrf = f.string("vrf");
          if (e.vrf.empty() || e.vrf.size() > 100) f.fail("vrf", "must be 1 to 100 bytes");
@@ -247,6 +265,7 @@ Scenario loadScenario(std::string const& file, json const& doc) {
          e.vrf = f.string("vrf");
       } else if (e.kind == "staticAdd") {
          e.intf = f.intf("intf");
+         requireConfigured(f, e.intf);
          e.conn = staticConnectionOf(f);
       } else if (e.kind == "staticDel") {
          e.intf = f.intf("intf");
@@ -261,6 +280,7 @@ Scenario loadScenario(std::string const& file, json const& doc) {
          e.nextHopId = f.integer("nextHopId", 0, std::numeric_limits<Vor::U64>::max());
       } else if (e.kind == "twiceAdd") {
          e.intf = f.intf("intf");
+         requireConfigured(f, e.intf);
          e.twice = twiceConnectionOf(f);
       } else if (e.kind == "twiceDel") {
          e.intf = f.intf("intf");
@@ -294,16 +314,160 @@ Scenario loadScenario(std::string const& file, json const& doc) {
    return s;
 }
 
-Scenario loadScenarioFile(std::string const& file) {
-   std::ifstream in(file);
-   if (!in) throw ScenarioError{file + ": cannot be read"};
-   json doc;
-   try {
-      doc = json::parse(in);
-   } catch (json::parse_error const& e) {
-      throw ScenarioError{file + ": invalid JSON: " + e.what()};
+namespace {
+
+// Line and column (both from 1) of a byte offset in the text.
+std::string placeOf(std::string const& text, std::size_t offset) {
+   offset = std::min(offset, text.size());
+   std::size_t line = 1;
+   std::size_t lineStart = 0;
+   for (std::size_t i = 0; i < offset; ++i) {
+      if (text[i] == '\n') {
+         ++line;
+         lineStart = i + 1;
+      }
    }
-   return loadScenario(file, doc);
+   return "line " + std::to_string(line) + ", column " + std::to_string(offset - lineStart + 1);
+}
+
+// A first pass over the text, for what the document parser lets through or
+// reports badly: a field written twice (the parser keeps the last one, so a
+// second "at" or "events" would silently replace the first) and a number too
+// large for a double (reported without its place).
+class JsonChecker : public nlohmann::json_sax<json> {
+ public:
+   JsonChecker(std::string const& file, std::string const& text) : file_(file), text_(text) {}
+
+   bool null() override { return element(); }
+   bool boolean(bool) override { return element(); }
+   bool number_integer(number_integer_t) override { return element(); }
+   bool number_unsigned(number_unsigned_t) override { return element(); }
+   bool number_float(number_float_t, string_t const&) override { return element(); }
+   bool string(string_t&) override { return element(); }
+   bool binary(binary_t&) override { return element(); }
+   bool start_object(std::size_t) override {
+      element();
+      frames_.push_back(Frame{true, {}, {}, 0});
+      return true;
+   }
+   bool key(string_t& name) override {
+      Frame& f = frames_.back();
+      if (!f.keys.insert(name).second) {
+         throw ScenarioError{file_ + ": " + path() + ": field '" + name + "' written twice"};
+      }
+      f.key = name;
+      return true;
+   }
+   bool end_object() override {
+      frames_.pop_back();
+      return true;
+   }
+   bool start_array(std::size_t) override {
+      element();
+      frames_.push_back(Frame{false, {}, {}, 0});
+      return true;
+   }
+   bool end_array() override {
+      frames_.pop_back();
+      return true;
+   }
+   bool parse_error(std::size_t position, std::string const& lastToken,
+                    nlohmann::detail::exception const& e) override {
+      if (dynamic_cast<json::out_of_range const*>(&e) != nullptr) {
+         // The position is just past the number; name where it starts.
+         std::size_t const start = position > lastToken.size() ? position - lastToken.size() : 0;
+         throw ScenarioError{file_ + ": number too large at " + placeOf(text_, start) + " ('" +
+                             lastToken + "')"};
+      }
+      // The library's message starts with its own tag ("[json.exception...] ").
+      std::string what = e.what();
+      if (auto const end = what.find("] "); what.starts_with("[json.exception") && end != std::string::npos) {
+         what.erase(0, end + 2);
+      }
+      throw ScenarioError{file_ + ": invalid JSON: " + what};
+   }
+
+ private:
+   struct Frame {
+      bool object;
+      std::set<std::string> keys;
+      std::string key;        // of an object: the field being read
+      std::size_t count;      // of an array: elements seen so far
+   };
+
+   bool element() {
+      if (!frames_.empty() && !frames_.back().object) ++frames_.back().count;
+      return true;
+   }
+
+   // Where the current object is, in the words of the loader's messages:
+   // "event #3, in 'members'", "scenario, in 'chip'".
+   std::string path() const {
+      std::string out = "scenario";
+      std::size_t i = 0;
+      if (frames_.size() >= 3 && frames_[0].key == "events" && !frames_[1].object) {
+         out = "event #" + std::to_string(frames_[1].count);
+         i = 2;
+      }
+      std::string inner;
+      for (; i + 1 < frames_.size(); ++i) {
+         Frame const& f = frames_[i];
+         if (f.object) {
+            inner += (inner.empty() ? "" : ".") + f.key;
+         } else {
+            inner += "[" + std::to_string(f.count - 1) + "]";
+         }
+      }
+      return inner.empty() ? out : out + ", in '" + inner + "'";
+   }
+
+   std::string const& file_;
+   std::string const& text_;
+   std::vector<Frame> frames_;
+};
+
+std::string readAll(std::string const& file) {
+   if (file == "-") {
+      std::ostringstream os;
+      os << std::cin.rdbuf();
+      return os.str();
+   }
+   int const fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+   if (fd < 0) throw ScenarioError{file + ": cannot be read: " + std::strerror(errno)};
+   struct stat st {};
+   if (::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) {
+      ::close(fd);
+      throw ScenarioError{file + ": is a directory"};
+   }
+   std::string text;
+   char buffer[65536];
+   for (;;) {
+      ssize_t const n = ::read(fd, buffer, sizeof buffer);
+      if (n == 0) break;
+      if (n < 0) {
+         if (errno == EINTR) continue;
+         int const error = errno;
+         ::close(fd);
+         throw ScenarioError{file + ": cannot be read: " + std::strerror(error)};
+      }
+      text.append(buffer, static_cast<std::size_t>(n));
+   }
+   ::close(fd);
+   return text;
+}
+
+} // namespace
+
+Scenario parseScenarioText(std::string const& file, std::string const& text) {
+   JsonChecker checker(file, text);
+   json::sax_parse(text, &checker);
+   // The checker has refused everything the parser could throw for.
+   return loadScenario(file, json::parse(text));
+}
+
+Scenario loadScenarioFile(std::string const& file) {
+   if (file.empty()) throw ScenarioError{"the scenario file name is empty"};
+   return parseScenarioText(file == "-" ? "standard input" : file, readAll(file));
 }
 
 } // namespace UloNatSim

@@ -90,6 +90,9 @@ struct Scenario {
 
 // Throws ScenarioError.
 Scenario loadScenario(std::string const& file, nlohmann::json const& json);
+// `file` names the text in messages.
+Scenario parseScenarioText(std::string const& file, std::string const& text);
+// "-" reads standard input; "" is refused rather than taken for no file.
 Scenario loadScenarioFile(std::string const& file);
 // The scenario that runs when no file is given.
 Scenario builtInScenario();

@@ -2,6 +2,7 @@
 // Reading the fields of a scenario file's JSON objects, for the scenario
 // loaders (Scenario.cpp and the loaders of each feature's events).
 
+#include <cmath>
 #include <set>
 #include <sstream>
 #include <string>
@@ -66,6 +67,15 @@ class Fields {
    }
    Vor::U64 integer(char const* field, Vor::U64 min, Vor::U64 max) const {
       json const& v = raw(field);
+      auto outOfRange = [&] {
+         fail(field, "out of range (" + std::to_string(min) + " to " + std::to_string(max) + ")");
+      };
+      if (v.is_number_float()) {
+         // An integer beyond 64 bits is read as a double: say what is wrong with it.
+         double const d = v.get<double>();
+         if (std::trunc(d) == d && std::fabs(d) >= 18446744073709551616.0) outOfRange();
+         fail(field, "must be an integer");
+      }
       if (!v.is_number_integer() && !v.is_number_unsigned()) fail(field, "must be an integer");
       if (v.is_number_integer() && v.get<long long>() < 0) {
          fail(field, "out of range (" + std::to_string(min) + " to " + std::to_string(max) + ")");

@@ -5,6 +5,8 @@
 //   ulonat-sim scenario.json     a scenario file (format: docs/scenario-format.md)
 //   ulonat-sim --json ...        the report as JSON
 //   ulonat-sim --trace 'UloNat*/8' ...   the library's traces on standard error
+//   ulonat-sim --summary ...     counts without the lists of chip entries
+//   ulonat-sim -                 the scenario from standard input
 //
 // Exit status: 0 when every expectation held, 1 when one failed, 2 on bad
 // input (nothing is run then).
@@ -13,6 +15,7 @@
 
 #include <iostream>
 
+#include "UloNat/UloNatVersion.h"
 #include "framework/VorTrace.h"
 #include "tools/ulonat-sim/Runner.h"
 
@@ -20,11 +23,19 @@ int main(int argc, char** argv) {
    CLI::App app{"Runs the NAT engine on a simulated chip, driven by a scenario of timed events."};
    std::string file;
    bool json = false;
+   bool summary = false;
    std::string trace;
-   app.add_option("scenario", file, "scenario file (JSON); the built-in scenario without one");
+   CLI::Option* const scenarioOption = app.add_option(
+      "scenario", file, "scenario file (JSON), '-' for standard input; the built-in scenario without one");
    app.add_flag("--json", json, "print the report as JSON");
+   app.add_flag("--summary", summary,
+                "leave out the lists of chip entries (counts stay): for scenarios with many rules");
    app.add_option("--trace", trace,
                   "enable the library's traces, e.g. 'UloNat*/8' (pattern/level, comma-separated)");
+   app.set_version_flag("--version", std::string("ulonat-sim (libUloNat) ") + ULONAT_VERSION_STRING);
+   app.footer("Exit status: 0 every expectation held; 1 an expectation failed;\n"
+              "2 bad command line or scenario (nothing is run).\n"
+              "Format of scenario files: docs/scenario-format.md.");
    try {
       app.parse(argc, argv);
    } catch (CLI::ParseError const& e) {
@@ -38,12 +49,20 @@ int main(int argc, char** argv) {
 
    UloNatSim::Scenario scenario;
    try {
-      scenario = file.empty() ? UloNatSim::builtInScenario() : UloNatSim::loadScenarioFile(file);
+      // An empty name is refused, not taken for "no file": a script's unset
+      // variable must not quietly play the built-in scenario.
+      scenario = scenarioOption->count() == 0 ? UloNatSim::builtInScenario()
+                                              : UloNatSim::loadScenarioFile(file);
    } catch (UloNatSim::ScenarioError const& e) {
       std::cerr << "ulonat-sim: " << e.text << "\n";
       return 2;
    }
-   UloNatSim::Report const report = UloNatSim::runScenario(scenario);
+   UloNatSim::Report report = UloNatSim::runScenario(scenario);
+   if (summary) {
+      report.chip.clear();
+      report.vrf.chip.clear();
+      report.vrf.policers.clear();
+   }
    if (json) {
       std::cout << UloNatSim::reportJson(report).dump(2) << "\n";
    } else {
