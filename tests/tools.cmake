@@ -48,3 +48,17 @@ if(TARGET ulonat-sim)
   unset(ULONAT_SIM_CASE_EXTRA)
   ulonat_sim_case(full_report_lists_chip_entries 0 "Chip: [1-9][0-9]* of [0-9]+ entries<NL>  [^ ]")
 endif()
+
+if(TARGET zaffa-tool)
+  foreach(case "version|0|^zaffa-tool \\(libUloNat\\) [0-9]+\\.[0-9]+\\.[0-9]+|--version"
+                "help_says_what_dir_is|0|DIR is the directory of one table, <root>/<name>/entry.*Exit status: 0 .*1 .*2 .*3 |--help")
+    string(REPLACE "|" ";" parts "${case}")
+    list(GET parts 0 name)
+    list(GET parts 1 exit)
+    list(GET parts 2 match)
+    list(GET parts 3 arg)
+    add_test(NAME zaffa-tool.${name}
+             COMMAND ${CMAKE_COMMAND} "-DCOMMAND=$<TARGET_FILE:zaffa-tool>|${arg}" -DEXIT=${exit}
+                     "-DMATCH=${match}" -P ${CMAKE_CURRENT_SOURCE_DIR}/tools/ExpectRun.cmake)
+  endforeach()
+endif()

@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <sys/wait.h>
@@ -159,4 +160,34 @@ TEST(ZaffaTool, RefusesWhatIsNotATable) {
    EXPECT_NE(garbage.output.find("not a Zaffa table (bad magic"), std::string::npos) << garbage.output;
 
    EXPECT_NE(tool("frobnicate " + dir.path()).status, 0);
+
+   // A root of tables, as a platform configures it, is not a table either;
+   // the tool names the tables under it.
+   TempDir root;
+   std::filesystem::create_directories(root.path() + "/natHwShadow/entry");
+   std::ofstream(root.path() + "/natHwShadow/entry/" + Zaffa::FileNames::slots) << "x";
+   ToolRun atRoot = tool("info " + root.path());
+   EXPECT_EQ(atRoot.status, 2);
+   EXPECT_NE(atRoot.output.find("holds tables; give one of them as DIR:\n  " + root.path() +
+                                "/natHwShadow/entry\n"),
+             std::string::npos)
+      << atRoot.output;
+}
+
+TEST(ZaffaTool, InfoReportsASlotFileCutShort) {
+   TempDir dir;
+   {
+      Writer w(config(dir.path(), 16, 64));
+      w.attach();
+      for (U64 i = 0; i < 30; ++i) w.write(TestValue::of(i, i), true);
+   }
+   ToolRun whole = tool("info " + dir.path());
+   EXPECT_EQ(whole.status, 0) << whole.output;
+   EXPECT_EQ(whole.output.find("cut short"), std::string::npos) << whole.output;
+
+   std::string const slots = dir.file(Zaffa::FileNames::slots);
+   std::filesystem::resize_file(slots, std::filesystem::file_size(slots) / 2);
+   ToolRun cut = tool("info " + dir.path());
+   EXPECT_EQ(cut.status, 1) << cut.output;
+   EXPECT_NE(cut.output.find("slot file: cut short"), std::string::npos) << cut.output;
 }

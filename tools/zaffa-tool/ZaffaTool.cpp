@@ -17,6 +17,7 @@
 // a still table and exits 3.
 
 #include "UloNat/UloNatAsyncTypes.h"
+#include "UloNat/UloNatVersion.h"
 #include "Zaffa/platform/MemWriterLock.h"
 #include "Zaffa/platform/SharedMemFenixFile.h"
 #include "Zaffa/platform/SharedMemOwnerFile.h"
@@ -27,6 +28,7 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -100,6 +102,7 @@ class Table {
    ZaffaCore::BucketView<Zaffa::SlotLink> buckets() const { return ZaffaCore::BucketView<Zaffa::SlotLink>(bucketFile_.base()); }
    Trevine::TrevineView trevine() const { return Trevine::TrevineView(trevineFile_.base()); }
    std::optional<SharedMem::FenixId> fenix() const { return fenix_; }
+   U64 slotFileSize() const { return slotFile_.size(); }
    Mem::RootPath const& root() const { return root_; }
    // The process that holds the writer lock now; 0 when no writer runs.
    U32 writerPid() const { return Mem::WriterLock(root_.file(Zaffa::FileNames::writerLock)).holderPid(); }
@@ -230,6 +233,15 @@ int info(Table const& t) {
    std::printf("interrupted: %s\n", !flagged ? "no" : writer ? "no (an operation is in progress)" : "yes");
    std::string marker = Zaffa::Util::readCorruptionMarker(t.root());
    std::printf("corruption-detected: %s\n", marker.empty() ? "no" : marker.c_str());
+   // A writer grows the file before it counts the new slots, so a file
+   // shorter than its counted slots was cut short by something else.
+   U64 const needed = h->headerBytes() + U64{h->numSlotsValue()} * h->slotSize;
+   if (t.slotFileSize() < needed) {
+      std::printf("slot file: cut short: %llu bytes, %llu needed for %u slots\n",
+                  static_cast<unsigned long long>(t.slotFileSize()), static_cast<unsigned long long>(needed),
+                  h->numSlotsValue());
+      return 1;
+   }
    return 0;
 }
 
@@ -363,6 +375,19 @@ void onBusError(int) {
    ::_exit(exitUnsettled);
 }
 
+// A root such as /var/shmem holds each table as <name>/entry; naming those
+// tells a user who gave the root which DIR the tool wants.
+std::vector<std::string> tablesUnder(std::string const& dir) {
+   std::vector<std::string> out;
+   std::error_code ec;
+   for (auto const& d : std::filesystem::directory_iterator(dir, ec)) {
+      auto const entry = d.path() / "entry";
+      if (std::filesystem::exists(entry / Zaffa::FileNames::slots, ec)) out.push_back(entry.string());
+   }
+   std::sort(out.begin(), out.end());
+   return out;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -371,12 +396,19 @@ int main(int argc, char** argv) {
    app.require_subcommand(1);
    std::string dir;
    bool json = false;
-   auto* infoCmd = app.add_subcommand("info", "headers, counts, capacity, generation");
-   infoCmd->add_option("DIR", dir, "root directory of the table")->required();
-   auto* validateCmd = app.add_subcommand("validate", "run the validator; exit 0 when valid");
-   validateCmd->add_option("DIR", dir, "root directory of the table")->required();
-   auto* dumpCmd = app.add_subcommand("dump", "every entry as text");
-   dumpCmd->add_option("DIR", dir, "root directory of the table")->required();
+   app.set_version_flag("--version", std::string("zaffa-tool (libUloNat) ") + ULONAT_VERSION_STRING);
+   app.footer("DIR is the directory of one table, <root>/<name>/entry (root /var/shmem by default);\n"
+              "given a root, the tool names the tables under it.\n"
+              "Exit status: 0 done (valid, for validate); 1 info: a file cut short, validate: invalid,\n"
+              "dump: a broken chain; 2 bad command line, or DIR is not a table; 3 the table never stood\n"
+              "still long enough to be read (its writer runs), or was re-formatted while read.");
+   char const* const dirHelp = "directory of the table: <root>/<name>/entry";
+   auto* infoCmd = app.add_subcommand("info", "headers, counts, capacity, generation; exit 1 on a file cut short");
+   infoCmd->add_option("DIR", dir, dirHelp)->required();
+   auto* validateCmd = app.add_subcommand("validate", "run the validator; exit 0 when valid, 1 when not");
+   validateCmd->add_option("DIR", dir, dirHelp)->required();
+   auto* dumpCmd = app.add_subcommand("dump", "every entry as text; exit 1 on a broken chain");
+   dumpCmd->add_option("DIR", dir, dirHelp)->required();
    dumpCmd->add_flag("--json", json, "print JSON");
    try {
       app.parse(argc, argv);
@@ -390,6 +422,10 @@ int main(int argc, char** argv) {
       return dump(table, json);
    } catch (std::exception const& e) {
       std::fprintf(stderr, "zaffa-tool: %s\n", e.what());
+      if (auto const tables = tablesUnder(dir); !tables.empty()) {
+         std::fprintf(stderr, "zaffa-tool: %s holds tables; give one of them as DIR:\n", dir.c_str());
+         for (auto const& t : tables) std::fprintf(stderr, "  %s\n", t.c_str());
+      }
       return 2;
    }
 }
