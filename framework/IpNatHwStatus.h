@@ -36,6 +36,7 @@
 #include "framework/L3VrfName.h"
 #include "framework/LumetIntfId.h"
 #include "framework/LumetIpAddr.h"
+#include "framework/VorAttribute.h"
 #include "framework/VorEntity.h"
 #include "framework/VorEntityCollections.h"
 #include "framework/VorPtr.h"
@@ -158,13 +159,14 @@ class HwNatTwiceCount : public Vor::Entity {
 
 // What is programmed for one NAT interface.
 class HwIntfStatus : public Vor::Entity {
+   VOR_ENTITY(HwIntfStatus, "Ip::Nat::HwIntfStatus")
+
  public:
    static constexpr AttributeId staticConnectionHwId = 1;
    static constexpr AttributeId staticConnectionHwCountId = 2;
    static constexpr AttributeId twiceNatConnectionHwId = 3;
    static constexpr AttributeId twiceNatConnectionHwCountId = 4;
    static constexpr AttributeId dynamicConnectionHwCountId = 5;
-   static constexpr AttributeId dynamicConnectionHwTotalCntId = 6;
 
    using StaticConnectionHwMap = std::map<StaticKey, Ptr<HwNatStaticConnection>>;
    using StaticConnectionHwCountMap = std::map<StaticKey, NatCounter>;
@@ -234,10 +236,9 @@ class HwIntfStatus : public Vor::Entity {
 
    // Running total of dynamic entries on this interface. The decrement
    // stops at zero.
-   U32 dynamicConnectionHwTotalCnt() const { return dynamicConnectionHwTotalCnt_; }
-   void dynamicConnectionHwTotalCntIs(U32 v) {
-      scalarIs(dynamicConnectionHwTotalCnt_, v, dynamicConnectionHwTotalCntId);
-   }
+   VOR_SCALAR(U32, dynamicConnectionHwTotalCnt, 6)
+
+ public:
    void dynamicConnectionHwTotalCntInc(U32 n = 1) {
       dynamicConnectionHwTotalCntIs(dynamicConnectionHwTotalCnt_ + n);
    }
@@ -254,41 +255,32 @@ class HwIntfStatus : public Vor::Entity {
    std::uint64_t twiceNatConnectionHwVersion_ = 0;
    TwiceNatConnectionHwCountMap twiceNatConnectionHwCount_;
    DynamicConnectionHwCountMap dynamicConnectionHwCount_;
-   U32 dynamicConnectionHwTotalCnt_ = 0;
 };
 
 // One VRF-to-VRF static translation as programmed, keyed by srcAddressOld.
 class HwNatVrfStaticConnection : public Vor::Entity {
  public:
-   static constexpr AttributeId insideVrfIdId = 1;
-   static constexpr AttributeId outsideVrfIdId = 2;
    // `outsideVrfId` names the accessor of the outside VRF's number, so the
-   // id of attribute outsideVrf takes this name.
+   // id of attribute outsideVrf takes this name, and the attribute is
+   // written out rather than declared.
    static constexpr AttributeId outsideVrfNameId = 3;
-   static constexpr AttributeId srcAddressNewId = 4;
-   static constexpr AttributeId targetId = 5;
 
+   VOR_ENTITY(HwNatVrfStaticConnection, "Ip::Nat::HwNatVrfStaticConnection")
+   VOR_SCALAR(U32, insideVrfId, 1)
+   VOR_SCALAR(U32, outsideVrfId, 2)
+   VOR_SCALAR(Lumet::IpAddr, srcAddressNew, 4)
+   VOR_SCALAR(NatTarget, target, 5, NatTarget::source_)
+
+ public:
    explicit HwNatVrfStaticConnection(Lumet::IpAddr const& srcAddressOld);
 
    Lumet::IpAddr const& srcAddressOld() const { return srcAddressOld_; }
-   U32 insideVrfId() const { return insideVrfId_; }
-   void insideVrfIdIs(U32 v) { scalarIs(insideVrfId_, v, insideVrfIdId); }
-   U32 outsideVrfId() const { return outsideVrfId_; }
-   void outsideVrfIdIs(U32 v) { scalarIs(outsideVrfId_, v, outsideVrfIdId); }
    L3::VrfName const& outsideVrf() const { return outsideVrf_; }
    void outsideVrfIs(L3::VrfName const& v) { scalarIs(outsideVrf_, v, outsideVrfNameId); }
-   Lumet::IpAddr const& srcAddressNew() const { return srcAddressNew_; }
-   void srcAddressNewIs(Lumet::IpAddr const& v) { scalarIs(srcAddressNew_, v, srcAddressNewId); }
-   NatTarget target() const { return target_; }
-   void targetIs(NatTarget v) { scalarIs(target_, v, targetId); }
 
  private:
    Lumet::IpAddr const srcAddressOld_;
-   U32 insideVrfId_ = 0;
-   U32 outsideVrfId_ = 0;
    L3::VrfName outsideVrf_;
-   Lumet::IpAddr srcAddressNew_;
-   NatTarget target_ = NatTarget::source_;
 };
 
 // What is programmed for one NAT VRF.

@@ -51,16 +51,20 @@ using Vor::U8;
 class NatDynamicTrapRule : public Vor::Entity {
  public:
    static constexpr AttributeId keyId = 1;
-   static constexpr AttributeId trapAllId = 2;
-   static constexpr AttributeId denyAllId = 3;
-   static constexpr AttributeId fullConeId = 4;
-   static constexpr AttributeId addrOnlyId = 5;
-   static constexpr AttributeId vlanIdId = 6;
-   static constexpr AttributeId ruleIdId = 7;
-   static constexpr AttributeId poolIdId = 8;
-   static constexpr AttributeId targetId = 9;
+
+   VOR_ENTITY(NatDynamicTrapRule, "Ip::Nat::NatDynamicTrapRule")
+   VOR_SCALAR(bool, trapAll, 2)
+   VOR_SCALAR(bool, denyAll, 3)
+   VOR_SCALAR(bool, fullCone, 4)
+   VOR_SCALAR(bool, addrOnly, 5)
+   VOR_SCALAR(U16, vlanId, 6)
+   VOR_SCALAR(U32, ruleId, 7)
+   VOR_SCALAR(U32, poolId, 8)
+   VOR_SCALAR(NatTarget, target, 9, NatTarget::source_)
+   VOR_SCALAR(bool, initialized, 11)
+
+ public:
    static constexpr AttributeId trapFilterId = 10;
-   static constexpr AttributeId initializedId = 11;
 
    // Filters are ordered by sequence number first, which is their order
    // within the rule.
@@ -70,26 +74,9 @@ class NatDynamicTrapRule : public Vor::Entity {
 
    DynamicKey const& key() const { return key_; }
 
-   bool trapAll() const { return trapAll_; }
-   void trapAllIs(bool v) { scalarIs(trapAll_, v, trapAllId); }
-   bool denyAll() const { return denyAll_; }
-   void denyAllIs(bool v) { scalarIs(denyAll_, v, denyAllId); }
-   bool fullCone() const { return fullCone_; }
-   void fullConeIs(bool v) { scalarIs(fullCone_, v, fullConeId); }
-   bool addrOnly() const { return addrOnly_; }
-   void addrOnlyIs(bool v) { scalarIs(addrOnly_, v, addrOnlyId); }
-   U16 vlanId() const { return vlanId_; }
-   void vlanIdIs(U16 v) { scalarIs(vlanId_, v, vlanIdId); }
-   U32 ruleId() const { return ruleId_; }
-   void ruleIdIs(U32 v) { scalarIs(ruleId_, v, ruleIdId); }
-   U32 poolId() const { return poolId_; }
-   void poolIdIs(U32 v) { scalarIs(poolId_, v, poolIdId); }
-   NatTarget target() const { return target_; }
-   void targetIs(NatTarget v) { scalarIs(target_, v, targetId); }
-   bool initialized() const { return initialized_; }
-   void initializedIs(bool v) { scalarIs(initialized_, v, initializedId); }
-
-   // trapFilter: the filters of the rule, in rule order.
+   // trapFilter: the filters of the rule, in rule order. Written by hand
+   // rather than declared: its version number lets a walk that calls out
+   // tell whether it must find its place again.
    TrapFilterSet const& trapFilter() const { return trapFilter_; }
    bool trapFilterHas(NatTrapFilter const& filter) const { return trapFilter_.count(filter) != 0; }
    std::size_t trapFilters() const { return trapFilter_.size(); }
@@ -98,23 +85,13 @@ class NatDynamicTrapRule : public Vor::Entity {
    void trapFilterIs(NatTrapFilter const& filter, bool present = true);
    void trapFilterDel(NatTrapFilter const& filter);
    void trapFilterDelAll();
-   // Bumped by every change of trapFilter, so that a walk that calls out can
-   // tell whether it must find its place again.
+   // Bumped by every change of trapFilter.
    std::uint64_t trapFilterVersion() const { return trapFilterVersion_; }
 
  private:
    DynamicKey const key_;
-   bool trapAll_ = false;
-   bool denyAll_ = false;
-   bool fullCone_ = false;
-   bool addrOnly_ = false;
-   U16 vlanId_ = 0;
-   U32 ruleId_ = 0;
-   U32 poolId_ = 0;
-   NatTarget target_ = NatTarget::source_;
    TrapFilterSet trapFilter_;
    std::uint64_t trapFilterVersion_ = 0;
-   bool initialized_ = false;
 };
 
 // One NAT interface: a plain interface or a NAT profile, with what is

@@ -91,6 +91,13 @@ TEST(IpNatDynamicTrapRule, FiltersWalkInSequenceOrderAndEveryChangeBumpsTheVersi
    rule->trapFilterIs(NatTrapFilter(1, any, any), false);
    EXPECT_EQ(rule->trapFilterVersion(), v0 + 3);
    EXPECT_FALSE(rule->initialized());
+   // The rule's scalars are in its type description, each under its own id.
+   EXPECT_FALSE(rule->setByName("vlanId", "10").has_value());
+   EXPECT_FALSE(rule->setByName("initialized", "true").has_value());
+   EXPECT_EQ(rule->vlanId(), 10);
+   EXPECT_TRUE(rule->initialized());
+   EXPECT_FALSE(rule->fullCone());
+   EXPECT_EQ(rule->target(), NatTarget::source_);
 }
 
 } // namespace
