@@ -134,6 +134,12 @@ class DeferredTwiceNatConnectionHw : public Vor::PtrInterface {
    bool updateMulticast_ = false;
 };
 
+// The address whose next hop a static connection depends on: the global
+// address of a destination rule, the local address of a source rule. (An
+// egress rule, or a multicast address, watches nothing.)
+Lumet::IpAddr staticConnectionWatchedAddr(Ip::Nat::StaticKey const& key,
+                                          Ip::Nat::NatStaticConnection const& conn);
+
 // The profile number of a NAT profile interface.
 // REQUIRES: Lumet::NatIntfId::isNatProfileIntfId(intf).
 Vor::U16 intfProfileId(Lumet::IntfId const& intf);
@@ -350,6 +356,53 @@ class NatIntfStatusSm : public UloBaseSm {
    // source-side static rule watches (S, 0)), and reprograms it, or flags
    // its deferred record. Nothing before hardware is up.
    void triggerConnectionUpdate(NatMrouteKey const& key);
+
+   // ---- verification (UloNat/UloNatIntfSmVerify.cpp) ----
+   // A diagnostic walk, run by the root's verify command: compares the
+   // configuration with hardware status, with the watched-address maps and
+   // with this interface's reference counts in its VRF's ipAddrIntfInfo, and
+   // asks the helper to compare each rule with the chip. Programs nothing
+   // and changes no state. Findings are reported as UloNat/UloNatVerify.h
+   // says; a broken map invariant is an assertion (texts below).
+   //
+   // With deferred work outstanding only the deferred lists are checked: a
+   // batch in flight makes hardware status lag the configuration.
+   //
+   // Kinds covered: static and twice connections, the static, twice and
+   // dynamic deferred lists, and dynamic connections in hardware status
+   // (with dynamicNatSupported) against the dynamic watched-address index.
+   void handleVerify();
+   // Reports a deferred list that waits with no commit to come, and a
+   // deferred entry whose delete flag disagrees with the configuration.
+   void doVerifyStaticDeferredLists();
+   void doVerifyDynamicDeferredLists();
+   // Verifies one static connection (REQUIRES: configured) and returns the
+   // address it holds a reference on, zero for none. Reports a hardware
+   // status entry that differs from the configuration.
+   // REQUIRES, for a connection in hardware status that watches an address:
+   // "staticKeyWatchedAddr( staticKey ) == watchedAddr",
+   // "watchedAddrStaticKey( watchedAddr )->mappedAddrHas( staticKey )",
+   // "vrfStatus()->ipAddrIntfInfoHas( watchedAddr )",
+   // "intfInfo->intfHas( natIntf() )".
+   Lumet::IpAddr doVerifyStaticConnection(Ip::Nat::StaticKey const& key);
+   // The same for a dynamic connection in hardware status; zero when it is
+   // not there. REQUIRES as above with dynamicKeyWatchedAddr,
+   // watchedAddrDynamicKey and connTuple.
+   Lumet::IpAddr doVerifyDynamicConnection(Lumet::ConnTuple const& tuple);
+   // The same for a twice group (REQUIRES: configured): the two addresses its
+   // entry holds references on, zero for none (a group not in hardware, half
+   // a rule, a multicast destination). REQUIRES for an entry in hardware
+   // the map invariants of its two addresses (texts in the source).
+   TwiceNatWatchedAddr doVerifyTwiceNatConnection(Vor::U16 group);
+   // Asks the helper to verify both sides of one filter address of a static
+   // rule (natHelper()->verifyStaticNat, side 0 then side 1).
+   void verifyStaticHwRule(Ip::Nat::NatTarget target, Lumet::IpAndPort const& local,
+                           Lumet::IpAndPort const& global, Lumet::IpAddrWithFullMask const& filter,
+                           Vor::U8 protocol, Vor::U16 vlan, Vor::String const& aclName,
+                           Ip::Nat::StaticKey const& key, bool forward);
+   // REQUIRES: "deleting == isDelete && reinsert == isReinsert" for each
+   // entry of the dynamic backlog. numRequests is only traced.
+   void doVerifyDynamicBacklog(Vor::U32 numRequests, bool isDelete, bool isReinsert);
 
  private:
    // ---- steps of the static path ----

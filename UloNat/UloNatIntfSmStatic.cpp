@@ -21,11 +21,6 @@ bool isEgress(Ip::Nat::StaticKey const& key) {
    return key.table() == Ip::Nat::StaticKey::egress;
 }
 
-// The address whose next hop a static connection depends on.
-Lumet::IpAddr watchedAddrOf(Ip::Nat::StaticKey const& key, Ip::Nat::NatStaticConnection const& conn) {
-   return isDestination(conn) ? conn.globalAddress().ip() : key.localAddress().ip();
-}
-
 // A multicast watched address or an egress connection watches nothing.
 bool hasWatchedAddr(Ip::Nat::StaticKey const& key, Lumet::IpAddr const& addr) {
    return !addr.isMulticast() && !isEgress(key);
@@ -48,6 +43,11 @@ std::pair<Lumet::IpAddr, Lumet::IpAddr> multicastPair(Ip::Nat::StaticKey const& 
 constexpr Vor::U8 tcpProtocol = 6;
 
 } // namespace
+
+Lumet::IpAddr staticConnectionWatchedAddr(Ip::Nat::StaticKey const& key,
+                                          Ip::Nat::NatStaticConnection const& conn) {
+   return isDestination(conn) ? conn.globalAddress().ip() : key.localAddress().ip();
+}
 
 // ---- the walk and the keyed handler ----
 
@@ -93,7 +93,7 @@ void NatIntfStatusSm::handleStaticConnection(Ip::Nat::StaticKey const& key) {
       // the same address again takes nothing, a changed address gives the
       // old one back, and a rule that no longer watches any address (now
       // egress, or a multicast address) gives back what it watched.
-      Lumet::IpAddr const addr = watchedAddrOf(key, conn);
+      Lumet::IpAddr const addr = staticConnectionWatchedAddr(key, conn);
       if (hasWatchedAddr(key, addr)) {
          staticWatchedAddr_.watch(key, addr);
       } else {
@@ -141,7 +141,7 @@ bool NatIntfStatusSm::addStaticConnection(Ip::Nat::StaticKey const& key) {
    Ip::Nat::NatStaticConnection conn = is->staticConnection(key);
    addDefaultFilterAddress(conn);
 
-   Lumet::IpAddr const addr = watchedAddrOf(key, conn);
+   Lumet::IpAddr const addr = staticConnectionWatchedAddr(key, conn);
    Ptr<NatNextHopInfo const> nextHop;
    if (!addr.isMulticast() && !isEgress(key)) nextHop = natSmStatus_->getNextHopInfo(vrfId_, addr);
 
@@ -172,7 +172,7 @@ void NatIntfStatusSm::updateStaticConnection(Ip::Nat::StaticKey const& key) {
    Ip::Nat::NatStaticConnection conn = is ? is->staticConnection(key) : Ip::Nat::NatStaticConnection();
    // Unlike the add path, every connection asks, multicast and egress too.
    Ptr<NatNextHopInfo const> const nextHop =
-      natSmStatus_->getNextHopInfo(vrfId_, watchedAddrOf(key, conn));
+      natSmStatus_->getNextHopInfo(vrfId_, staticConnectionWatchedAddr(key, conn));
    auto const [sourceIp, groupIp] = multicastPair(key, conn);
    Ptr<NatMulticastTransition> const transition = getMulticastTransition(vlanId_, sourceIp, groupIp);
    addDefaultFilterAddress(conn);

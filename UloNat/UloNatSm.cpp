@@ -66,8 +66,7 @@ NatSm::NatSm(Ptr<UloCommonSmData> const& commonSmData, Ptr<Ip::Nat::Status const
    dynamicConnectionStatusReactor_.attach(dynamicConnectionStatus);
    nhMapStatus_.attach(nhMapStatus);
    routingHwRouteStatus_.attach(routingHwRouteStatus);
-   // verifyData of the common record is watched by the verify command's
-   // reactor, which comes with root verification.
+   verifyDataIs(commonSmData ? commonSmData->verifyData() : Ptr<VerifyData>());
 }
 
 NatSm::~NatSm() {

@@ -98,13 +98,20 @@ class NatSm : public UloBaseSm {
    // Set from outside.
    bool hwConnEntryRqrdOnDelete() const { return hwConnEntryRqrdOnDelete_; }
    void hwConnEntryRqrdOnDeleteIs(bool v) { hwConnEntryRqrdOnDelete_ = v; }
+   // Set from outside. True makes the verify command do nothing.
    bool disableVerify() const { return disableVerify_; }
    void disableVerifyIs(bool v) { disableVerify_ = v; }
+   // The verify command's entity, taken from the common record at
+   // construction; each new request runs handleVerify(). Null when the agent
+   // has no verify command.
+   Ptr<VerifyData const> verifyData() const { return verifyData_.notifier(); }
+   void verifyDataIs(Ptr<VerifyData const> const& data) { verifyData_.notifierIs(data); }
    bool counterStatus() const { return counterStatus_; }
    // The engine of an interface, or null.
    Ptr<NatIntfStatusSm> natIntfStatusSm(Lumet::IntfId const& intf) const {
       return natIntfStatusSm_.find(intf);
    }
+   bool natIntfStatusSmHas(Lumet::IntfId const& intf) const { return natIntfStatusSm_.contains(intf); }
    Vor::ChildMachines<Lumet::IntfId, NatIntfStatusSm> const& natIntfStatusSms() const {
       return natIntfStatusSm_;
    }
@@ -163,6 +170,24 @@ class NatSm : public UloBaseSm {
    // Cleans up each engine and drops it, then cleans up the VRF root. Does
    // not call hwCleanup().
    void doCleanup();
+
+   // ---- verification (UloNat/UloNatSmVerify.cpp) ----
+   // The verify command: checks the per-VRF watched-address records (an
+   // address that no interface uses any more is a leak, one line of output),
+   // then lets the helper prepare, each engine verify its own connections
+   // and the helper verify dynamic NAT. Does nothing while disableVerify() is
+   // true, before start, or before the helper's hardware is up. Findings are
+   // reported as UloNat/UloNatVerify.h says.
+   // REQUIRES: "natIntfStatusSmHas( intfIter.key() )": every interface named
+   // by a watched-address record has an engine; and every interface of
+   // status() has one (the command is asked for a settled system).
+   void handleVerify();
+   // Checks the state of each entry of the dynamic backlog of `intf`'s
+   // engine against the expectation (NatIntfStatusSm::doVerifyDynamicBacklog).
+   // Nothing before start or without an engine. Kept for inspection: no code
+   // of the library calls it.
+   void doVerifyDynamicBacklog(Lumet::IntfId const& intf, Vor::U32 numRequests, bool isDelete,
+                               bool isReinsert);
 
    // ---- engines ----
    Ptr<NatIntfStatusSm> natIntfStatusSmIs(
@@ -228,6 +253,8 @@ class NatSm : public UloBaseSm {
                              static_cast<void (NatSm::*)(NatHwKey const&)>(&NatSm::handleAsyncHwStatus),
                              &NatSm::asyncHwStatus_, Vor::collection(&NatAsyncHwStatusDir::status)>>
       asyncHwStatusDir_{this};
+   Vor::Watch<VerifyData, NatSm, Vor::OnEvent<VerifyData::requestId, &NatSm::handleVerify>>
+      verifyData_{this};
 
    Ptr<Ip::Nat::HwStatus> hwStatus_;
    Ptr<Ip::Nat::DynamicConnectionStatus> dynamicConnectionStatus_;

@@ -199,6 +199,7 @@ class NatSmStatusVrf : public Vor::PtrInterface {
    // absent.
    IpAddrIntfInfoMap const& ipAddrIntfInfo() const { return ipAddrIntfInfo_; }
    Ptr<NatIntfInfo> ipAddrIntfInfo(Lumet::IpAddr const& addr) const;
+   bool ipAddrIntfInfoHas(Lumet::IpAddr const& addr) const { return ipAddrIntfInfo_.contains(addr); }
    std::size_t ipAddrIntfInfos() const { return ipAddrIntfInfo_.size(); }
    // Returns the existing record or makes one.
    Ptr<NatIntfInfo> ipAddrIntfInfoIs(Lumet::IpAddr const& addr);

@@ -10,7 +10,10 @@ SimSystem::SimSystem(SimOptions const& options) {
    scheduler_->virtualTimeIs(true, 0.0);
    Dov::TaskSchedulerRoot::schedulerIs(scheduler_);
 
-   commonSmData_ = Vor::Ptr<Ulo::UloCommonSmData>(new Ulo::UloCommonSmData());
+   // The agent's verify command: findings of the simulated engine go to its
+   // output, where tests and the simulator read them.
+   verifyData_ = Vor::Ptr<Ulo::VerifyData>(new Ulo::VerifyData());
+   commonSmData_ = Vor::Ptr<Ulo::UloCommonSmData>(new Ulo::UloCommonSmData(verifyData_));
    status_ = Vor::Ptr<Ip::Nat::Status>(new Ip::Nat::Status());
    hwStatus_ = Vor::Ptr<Ip::Nat::HwStatus>(new Ip::Nat::HwStatus());
    dynamicConnectionStatus_ =
@@ -323,6 +326,14 @@ std::optional<Lumet::IpAddrWithFullMask> parseFilter(std::string const& text) {
    if (len > 32) return std::nullopt;
    Vor::U32 const mask = len == 0 ? 0u : ~0u << (32 - len);
    return Lumet::IpAddrWithFullMask(*ip, mask);
+}
+
+std::vector<std::string> SimSystem::verify() {
+   verifyData_->outputDelAll();
+   verifyData_->requestInc();
+   std::vector<std::string> findings;
+   for (auto const& line : verifyData_->cliOutput()) findings.push_back(line.text.stdString());
+   return findings;
 }
 
 } // namespace Sim

@@ -132,6 +132,13 @@ class SimSystem {
    // rule in hardware status stand on the chip with its ids and nothing else.
    std::vector<std::string> vrfChipMismatches() const;
 
+   // ---- the verify command ----
+   // Runs the agent's verify command and returns its output lines, one per
+   // finding (the command's earlier output is dropped first). Without
+   // SIMULATION_VMID in the environment a finding never ends the process.
+   std::vector<std::string> verify();
+   Vor::Ptr<Ulo::VerifyData> const& verifyData() const { return verifyData_; }
+
    // ---- time ----
    void runUntilIdle();
    void runFor(double seconds);
@@ -200,6 +207,7 @@ class SimSystem {
 
    std::unique_ptr<Vor::CapturingLogSink> logs_;
    Vor::Ptr<Dov::TaskScheduler> scheduler_;
+   Vor::Ptr<Ulo::VerifyData> verifyData_;
    Vor::Ptr<Ulo::UloCommonSmData> commonSmData_;
    Vor::Ptr<Ip::Nat::Status> status_;
    Vor::Ptr<Ip::Nat::HwStatus> hwStatus_;

@@ -161,6 +161,41 @@ Report runScenario(Scenario const& scenario) {
          sys.helper()->failNextCommitIs(static_cast<Vor::U32>(e.count));
       } else if (runVrfEvent(sys, e, "at " + timeText(sys.now()) + " s, ", report.failures)) {
          // A VRF NAT event.
+      } else if (e.kind == "faultRefCount" || e.kind == "faultLeak") {
+         auto const vrfStatus = sys.started() ? sys.root()->natSmStatus()->natSmStatusVrf(e.vrfId)
+                                              : Vor::Ptr<Ulo::NatSmStatusVrf>();
+         if (!vrfStatus) {
+            report.failures.push_back("at " + timeText(sys.now()) + " s, " + e.label + ": VRF id " +
+                                      std::to_string(e.vrfId) + " has no engine; fault not applied");
+         } else if (e.kind == "faultLeak") {
+            // A record that no interface uses any more.
+            auto const info = vrfStatus->ipAddrIntfInfoIs(e.addr);
+            std::vector<Lumet::IntfId> users;
+            for (auto const& it : info->intf()) users.push_back(it.key());
+            for (auto const& intf : users) info->intfDel(intf);
+         } else {
+            vrfStatus->ipAddrIntfInfoIs(e.addr)->intfIs(Lumet::IntfId(e.intf), static_cast<Vor::U32>(e.count));
+         }
+      } else if (e.kind == "faultHwStaticDel") {
+         auto const hw = sys.hwStatus()->intfStatus(Lumet::IntfId(e.intf));
+         if (!hw || !hw->staticConnectionHw(*e.key)) {
+            report.failures.push_back("at " + timeText(sys.now()) + " s, " + e.label + ": no such entry in " +
+                                      "hardware status; fault not applied");
+         } else {
+            hw->staticConnectionHwDel(*e.key);
+         }
+      } else if (e.kind == "verify") {
+         // Asked of a settled system, as an operator would.
+         sys.runUntilIdle();
+         VerifyRun run{sys.now(), e.label, sys.verify()};
+         std::string const at = "at " + timeText(sys.now()) + " s, " + e.label + ": ";
+         if (run.findings.size() == e.findings) {
+            report.passed.push_back(at + "ok");
+         } else {
+            report.failures.push_back(at + "verify findings expected " + std::to_string(e.findings) + ", got " +
+                                      std::to_string(run.findings.size()));
+         }
+         report.verifyRuns.push_back(std::move(run));
       } else if (e.kind == "expect") {
          sys.runUntilIdle();
          check(sys, e, report);
@@ -237,6 +272,14 @@ void printReport(std::ostream& os, Report const& r) {
    os << "Chip: " << r.chipEntries << " of " << r.chipCapacity << " entries\n";
    for (auto const& c : r.chip) os << "  " << c.key << ": " << c.translation << "\n";
    printVrfReport(os, r.vrf);
+   if (!r.verifyRuns.empty()) {
+      os << "\nVerify:\n";
+      for (auto const& v : r.verifyRuns) {
+         os << "  " << std::right << std::setw(9) << timeText(v.time) << " s  " << v.label << ": "
+            << v.findings.size() << " finding(s)\n";
+         for (auto const& line : v.findings) os << "    " << line << "\n";
+      }
+   }
    os << "\nMessages:\n";
    if (r.messages.empty()) os << "  (none)\n";
    for (auto const& m : r.messages) {
@@ -274,6 +317,10 @@ nlohmann::json reportJson(Report const& r) {
    j["messages"] = nlohmann::json::array();
    for (auto const& m : r.messages) {
       j["messages"].push_back({{"time", m.time}, {"name", m.name}, {"severity", m.severity}, {"text", m.text}});
+   }
+   j["verify"] = nlohmann::json::array();
+   for (auto const& v : r.verifyRuns) {
+      j["verify"].push_back({{"time", v.time}, {"event", v.label}, {"findings", v.findings}});
    }
    j["vrf"] = vrfReportJson(r.vrf);
    j["expectations"] = {{"held", r.passed.size()}, {"failed", r.failures}};

@@ -41,6 +41,13 @@ struct Snapshot {
    std::size_t engines = 0;
 };
 
+// One run of the verify command: its time, its event and its output lines.
+struct VerifyRun {
+   double time = 0.0;
+   std::string label;
+   std::vector<std::string> findings;
+};
+
 struct Report {
    std::string name;
    double endTime = 0.0;
@@ -56,6 +63,7 @@ struct Report {
    std::vector<MessageLine> messages;
    VrfReport vrf;
    std::vector<Snapshot> timeline;
+   std::vector<VerifyRun> verifyRuns;
    // Each expectation that held, and each that did not, with its time.
    std::vector<std::string> passed;
    std::vector<std::string> failures;

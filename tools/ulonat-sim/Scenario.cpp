@@ -301,6 +301,21 @@ Scenario loadScenario(std::string const& file, json const& doc) {
          // Only moves time to "at".
       } else if (e.kind == "expect") {
          e.expect = expectationOf(f);
+      } else if (e.kind == "verify") {
+         e.findings = f.integer("findings", 0, 1000000, 0);
+      } else if (e.kind == "faultRefCount") {
+         // Faults corrupt the engine's records behind its back, so that a
+         // verify has something to find.
+         e.intf = f.intf("intf");
+         e.vrfId = static_cast<Vor::U32>(f.integer("vrfId", 0, 0xffffffffu, 0));
+         e.addr = f.ip("addr");
+         e.count = f.integer("count", 0, 0xffffffffu);
+      } else if (e.kind == "faultLeak") {
+         e.vrfId = static_cast<Vor::U32>(f.integer("vrfId", 0, 0xffffffffu, 0));
+         e.addr = f.ip("addr");
+      } else if (e.kind == "faultHwStaticDel") {
+         e.intf = f.intf("intf");
+         e.key = staticKeyOf(f);
       } else if (loadVrfEvent(f, e)) {
          // A VRF NAT event.
       } else {

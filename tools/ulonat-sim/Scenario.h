@@ -77,6 +77,8 @@ struct Event {
    Ulo::NatMrouteOifSet oifs;
    VrfEventFields vrfFields;
    Expectation expect;
+   // verify: the number of findings the command must report (default 0).
+   std::size_t findings = 0;
 };
 
 struct Scenario {
