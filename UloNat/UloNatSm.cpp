@@ -10,6 +10,7 @@
 #include "framework/VorEntityCollections.h"
 #include "framework/VorException.h"
 #include "framework/VorTrace.h"
+#include "framework/VorSystem.h"
 
 VOR_TRACE_HANDLE("UloNatSm");
 
@@ -73,6 +74,7 @@ NatSm::~NatSm() {
    doCleanup();
    vorDoZombieReactors(true);
    natIntfStatusSm_.xDelAll();
+   natIntfCounterSm_.xDelAll();
    if (natVrfRootSm_) natVrfRootSm_->hasNotificationActiveIs(false);
    natVrfRootSm_ = nullptr;
    unprogrammedTask_.xDelAll();
@@ -136,10 +138,9 @@ void NatSm::handleInitialized() {
                                                                                << " seconds");
          dynamicCountersPollingInterval_ = interval;
       }
-      // The task's handler, the polling of dynamic counters, comes with the
-      // dynamic counters; until then a run of the task does nothing.
       dynamicCountersPollingTask_ =
          Ptr<Dov::TimerTask>(new Dov::TimerTask(scheduler_, 3, "dynamicCountersNat"));
+      dynamicCountersPollingTaskReactor_.notifierIs(dynamicCountersPollingTask_);
       dynamicCountersPollingTask_->scheduleTaskDelay(dynamicCountersPollingInterval_);
    }
 
@@ -186,8 +187,7 @@ void NatSm::handleNatIntfStatus(Lumet::IntfId const& intf) {
          vrfStatus->intfDel(intf);
          if (vrfStatus->intf().size() == 0) natSmStatus_->natSmStatusVrfDel(vrfId);
       }
-      // The counter machine of the interface (natIntfCounterSmDel) goes here
-      // once counters are polled.
+      if (counterStatus_) natIntfCounterSmDel(intf);
       VOR_TRACE(5, intf << " Deleting intfStatus");
       hwStatus_->intfStatusDel(intf);
       if (st->intfStatus().size() == 0) natHelper_->hwCleanup();
@@ -232,8 +232,11 @@ void NatSm::handleNatIntfStatus(Lumet::IntfId const& intf) {
                                    natSmStatusNotifPtr_, scheduler_, vrfId, multicastAdapter_);
    engine->counterStatusIs(counterStatus_);
    engine->initializedIs(true);
-   // The interface's counter machine (natIntfCounterSmIs) is made here while
-   // counterStatus is true, once counters are polled.
+   if (counterStatus_) {
+      auto counter = natIntfCounterSmIs(commonSmDataMutable_, intf, Vor::activityManager()->clock(),
+                                        member, hwStatus_->intfStatus(intf), natHelper_, this, vrfId);
+      counter->initializedIs(true);
+   }
 }
 
 void NatSm::handleVrf(L3::VrfName const& vrf) {
@@ -268,6 +271,22 @@ Ptr<NatIntfStatusSm> NatSm::natIntfStatusSmIs(
 
 void NatSm::natIntfStatusSmDel(Lumet::IntfId const& intf) { natIntfStatusSm_.xDel(intf); }
 
+Ptr<NatIntfCounterSm> NatSm::natIntfCounterSmIs(Ptr<UloCommonSmData> const& commonSmData,
+                                                Lumet::IntfId const& intf,
+                                                Ptr<Vor::Clock const> const& clock,
+                                                Ptr<Ip::Nat::IntfStatus const> const& intfStatus,
+                                                Ptr<Ip::Nat::HwIntfStatus> const& hwIntfStatus,
+                                                Ptr<UloHelper::UloHelperNat> const& natHelper,
+                                                NatSm* natSm, VrfId vrfId) {
+   if (auto existing = natIntfCounterSm_.find(intf)) return existing;
+   Ptr<NatIntfCounterSm> counter(new NatIntfCounterSm(commonSmData, intf, clock, intfStatus,
+                                                      hwIntfStatus, natHelper, natSm, vrfId));
+   natIntfCounterSm_.xIs(intf, counter);
+   return counter;
+}
+
+void NatSm::natIntfCounterSmDel(Lumet::IntfId const& intf) { natIntfCounterSm_.xDel(intf); }
+
 // ---- counters ----
 
 void NatSm::handleCounterStatus() {
@@ -286,11 +305,107 @@ void NatSm::handleCounterStatus() {
    auto const st = status();
    counterStatus_ = st && st->counterStatus();
    for (auto const& intf : natIntfStatusSm_.keys()) {
-      if (auto engine = natIntfStatusSm(intf)) engine->counterStatusIs(counterStatus_);
-      // Each engine's counter machine is made or dropped here with the
-      // counter status, once counters are polled.
+      auto engine = natIntfStatusSm(intf);
+      if (!engine) continue;
+      engine->counterStatusIs(counterStatus_);
+      if (!counterStatus_) {
+         natIntfCounterSmDel(intf);
+         continue;
+      }
+      auto counter = natIntfCounterSmIs(commonSmDataMutable_, intf, Vor::activityManager()->clock(),
+                                        st->intfStatus(intf), hwStatus_->intfStatus(intf), natHelper_,
+                                        this, engine->vrfId());
+      counter->initializedIs(true);
    }
    natHelper_->updateCounterStatus(counterStatus_);
+}
+
+void NatSm::dynamicCountersPolling() {
+   VOR_TRACE(8, "dynamicCountersPolling");
+   auto const& task = dynamicCountersPollingTask_;
+   if (!task || !task->taskCurrentlyRunning()) {
+      VOR_TRACE(8, "Task not running");
+      return;
+   }
+   auto const st = status();
+   std::uint64_t reviewed = 0;
+   if (dynamicConnectionHwStatus_) {
+      // The walk hands out copies, so writing a record back is safe.
+      dynamicConnectionHwStatus_->dynamicConnectionHwWalk(
+         Ip::Nat::DynamicConnectionKey(), [&](Ip::Nat::DynamicConnectionHw const& record) {
+            Lumet::IntfId const intf = record.key().intfId();
+            auto const member = st ? st->intfStatus(intf) : Ptr<Ip::Nat::IntfStatus const>();
+            auto const engine = natIntfStatusSm(intf);
+            if (!member || !engine) return true;
+            VrfId const vrfId = engine->vrfId();
+            U16 const profile = member->profileOrVlanId();
+            Lumet::ConnTuple const conn = record.key().connTuple();
+            VOR_TRACE(8, "Polling connection: " << conn.stringValue() << ", natIntf: " << intf
+                                                << ", profile: " << profile);
+            U64 const pkts = natHelper_->getDynamicSrcCountersSinceLastPoll(profile, conn, vrfId).pktCount();
+            U64 const pktsReply = natHelper_
+                                     ->getDynamicDstCountersSinceLastPoll(profile, conn, record.fullCone(),
+                                                                          record.globalAddress(), vrfId)
+                                     .pktCount();
+            double const now = Vor::System::currentTime();
+            if (pkts != 0 || pktsReply != 0) {
+               if (natCountersSupported_) {
+                  if (auto hw = hwStatus_->intfStatus(intf)) {
+                     Ip::Nat::NatCounter counter = hw->dynamicConnectionHwCount(conn);
+                     counter.pktCountInc(pkts);
+                     counter.pktCountReplyInc(pktsReply);
+                     hw->dynamicConnectionHwCountIs(conn, counter);
+                  }
+               }
+               // Traffic is recorded for the ageing side whatever the
+               // counters say.
+               Ip::Nat::DynamicConnectionHw stamped = record;
+               stamped.lastChangedTimeIs(now);
+               dynamicConnectionHwStatus_->dynamicConnectionHwIs(stamped);
+            }
+            ++reviewed;
+            return true;
+         });
+   }
+   if (hwCapabilities_->dynamicTwiceNatSupported()) dynamicTwiceCountersPolling();
+   VOR_TRACE(8, "Entries reviewed: " << reviewed);
+   task->taskWorkCountInc(reviewed);
+   task->scheduleTaskDelay(dynamicCountersPollingInterval_);
+}
+
+void NatSm::dynamicTwiceCountersPolling() {
+   std::uint64_t reviewed = 0;
+   auto const st = status();
+   if (!st) return;
+   for (auto const& [intf, member] : st->intfStatus()) {
+      auto const hw = hwStatus_->intfStatus(intf);
+      if (!hw) continue;
+      auto const& groups = hw->twiceNatConnectionHw();
+      std::uint64_t version = hw->twiceNatConnectionHwVersion();
+      for (auto it = groups.begin(); it != groups.end();) {
+         U16 const group = it->first;
+         Ptr<Ip::Nat::HwNatTwiceConnection> const conn = it->second;
+         if (conn->dynamic()) {
+            std::vector<std::pair<Lumet::ConnTuple, Ip::Nat::HwNatTwiceAddr>> const entries(conn->entry().begin(),
+                                                                                        conn->entry().end());
+            for (auto const& [tuple, addr] : entries) {
+               if (natHelper_->dynamicTwiceActive(group, tuple.protocol(), tuple.srcAddr(), addr.srcNew(),
+                                                  tuple.dstAddr(), addr.dstNew())) {
+                  VOR_TRACE(8, "Entry active: " << tuple.stringValue());
+                  conn->lastChangedTimeIs(tuple, Vor::System::currentTime());
+               }
+               ++reviewed;
+            }
+         }
+         if (hw->twiceNatConnectionHwVersion() != version) {
+            version = hw->twiceNatConnectionHwVersion();
+            it = groups.upper_bound(group);
+         } else {
+            ++it;
+         }
+      }
+   }
+   VOR_TRACE(8, "Entries reviewed: " << reviewed);
 }
 
 // ---- cleanup ----

@@ -31,6 +31,7 @@
 #include <memory>
 
 #include "UloNat/UloHelperNat.h"
+#include "UloNat/UloNatIntfCounterSm.h"
 #include "UloNat/UloNatIntfSm.h"
 #include "UloNat/UloNatTypes.h"
 #include "UloNat/UloNatVrfSm.h"
@@ -136,6 +137,21 @@ class NatSm : public UloBaseSm {
    // A hardware VRF appeared or got its id: retries its interfaces.
    void handleVrf(L3::VrfName const& vrf);
    void handleCounterStatus();
+   // A run of the "dynamicCountersNat" task: for each dynamic connection in
+   // hardware status whose interface has an engine, asks the helper for the
+   // packets since the last poll; on traffic, adds them to the interface's
+   // dynamicConnectionHwCount (when natCountersSupported) and stamps the
+   // record's lastChangedTime with the present time (always). Then, where
+   // dynamic twice NAT is supported, dynamicTwiceCountersPolling(). The
+   // whole table is walked in one run, without yielding, and the task asks
+   // for its next run dynamicCountersPollingInterval seconds after the end.
+   // A record whose interface has no engine is skipped and not counted in
+   // the task's work. REQUIRES: "validIntfs() == 1" for a plain interface
+   // with members (its VLAN names the profile).
+   void dynamicCountersPolling();
+   // Stamps lastChangedTime of each entry of each dynamic twice group the
+   // helper reports active. Counts no packets.
+   void dynamicTwiceCountersPolling();
    void handleStaticAclSharingStatus();
    // A watched address resolved differently: tells each engine that uses it.
    void handleNextHopUpdate(VrfAndIpAddr const& key);
@@ -202,6 +218,24 @@ class NatSm : public UloBaseSm {
       VrfId vrfId, Ptr<NatMulticastAdapter> const& multicastAdapter);
    void natIntfStatusSmDel(Lumet::IntfId const& intf);
 
+   // ---- counter machines, one beside each engine while counterStatus ----
+   // Makes the interface's counter machine, or returns the one it has.
+   Ptr<NatIntfCounterSm> natIntfCounterSmIs(Ptr<UloCommonSmData> const& commonSmData,
+                                            Lumet::IntfId const& intf,
+                                            Ptr<Vor::Clock const> const& clock,
+                                            Ptr<Ip::Nat::IntfStatus const> const& intfStatus,
+                                            Ptr<Ip::Nat::HwIntfStatus> const& hwIntfStatus,
+                                            Ptr<UloHelper::UloHelperNat> const& natHelper,
+                                            NatSm* natSm, VrfId vrfId);
+   // Drops it; nothing happens when there is none.
+   void natIntfCounterSmDel(Lumet::IntfId const& intf);
+   Ptr<NatIntfCounterSm> natIntfCounterSm(Lumet::IntfId const& intf) const {
+      return natIntfCounterSm_.find(intf);
+   }
+   Vor::ChildMachines<Lumet::IntfId, NatIntfCounterSm> const& natIntfCounterSms() const {
+      return natIntfCounterSm_;
+   }
+
  private:
    Ptr<UloCommonSmData> commonSmDataMutable_;
 
@@ -247,6 +281,8 @@ class NatSm : public UloBaseSm {
       Vor::OnScalar<NatAsyncHwStatus::stateId,
                     static_cast<void (NatSm::*)(NatHwKey const&)>(&NatSm::handleAsyncHwStatus)>>
       asyncHwStatus_{this};
+   Vor::Watch<Dov::Task, NatSm, Vor::OnEvent<Dov::Task::taskRunId, &NatSm::dynamicCountersPolling>>
+      dynamicCountersPollingTaskReactor_{this};
    Vor::Watch<NatAsyncHwStatusDir, NatSm,
               Vor::OnRepoint<static_cast<void (NatSm::*)()>(&NatSm::handleAsyncHwStatus)>,
               Vor::OnMembers<NatAsyncHwStatusDir::statusId,
@@ -274,13 +310,14 @@ class NatSm : public UloBaseSm {
    Ptr<Dov::TaskScheduler> scheduler_;
    bool natCountersSupported_ = false;
    double dynamicCountersPollingInterval_ = 5.0;
-   // The polling of dynamic counters is run by this task's handler, which
-   // comes with dynamic-NAT counters; the task is made and scheduled here.
+   // Made, watched and first scheduled in handleInitialized() where dynamic
+   // NAT is supported; reschedules itself at the end of each run.
    Ptr<Dov::TimerTask> dynamicCountersPollingTask_;
    double unprogrammedTaskScheduleInterval_ = 5.0;
    std::map<NatType, Ptr<Dov::TimerTask>> unprogrammedTaskPtr_;
    Ptr<NatAsyncHwConfigDir> asyncHwConfigDir_;
    Vor::ChildMachines<Lumet::IntfId, NatIntfStatusSm> natIntfStatusSm_{this};
+   Vor::ChildMachines<Lumet::IntfId, NatIntfCounterSm> natIntfCounterSm_{this};
    bool hwConnEntryRqrdOnDelete_ = false;
    Ptr<NatVrfRootSm> natVrfRootSm_;
    bool disableVerify_ = false;

@@ -43,6 +43,7 @@
 //  2. In immediate mode staged() is always empty.
 
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -148,6 +149,27 @@ class SimNatHelper : public UloHelper::UloHelperNat {
    // Entries taken by VRF translations and policers.
    std::size_t vrfOccupancy() const { return vrfEntries_.size() + policers_.size(); }
 
+   // ---- traffic (sim/SimNatHelperCounters.cpp) ----
+   // The chip counts the packets that hit each entry until the next poll
+   // takes them. Traffic on a static connection hits its first entry of the
+   // direction (source entries forward, destination entries for replies);
+   // on a twice tuple, its forward half, or for replies the reverse half.
+   // Each returns false, counting nothing, when the chip holds no such entry.
+   bool staticTrafficIs(Ip::Nat::StaticKey const& key, Ulo::VrfId vrfId, U16 vlan, bool reply,
+                        U64 packets);
+   bool twiceTrafficIs(Ulo::VrfId vrfId, U16 vlan, U16 group, Lumet::ConnTuple const& tuple, bool reply,
+                       U64 packets);
+   // Dynamic flows are counted per flow tuple and direction (the chip holds
+   // no dynamic entries of its own here).
+   void dynamicTrafficIs(Lumet::ConnTuple const& flow, bool reply, U64 packets) {
+      dynamicPackets_[{flow, reply}] += packets;
+   }
+   // dynamicTwiceActive() answers this and counts its calls.
+   bool dynamicTwiceActiveAnswer = false;
+   U64 dynamicTwiceActiveCalls = 0;
+   // Packets counted and not yet taken by a poll, over all entries.
+   U64 pendingPackets() const;
+
    // ---- fault injection ----
    void refuseNextIs(U32 n) { refuseNext_ = n; }
    U32 refuseNext() const { return refuseNext_; }
@@ -197,6 +219,24 @@ class SimNatHelper : public UloHelper::UloHelperNat {
    bool asyncHwStatusResult() const { return asyncHwStatusResult_; }
    void asyncHwStatusResultIs(bool v) { asyncHwStatusResult_ = v; }
    bool commitHwTranslations() override;
+   // A poll takes the packets pending on the connection's entries of the
+   // getter's direction and reports them in pktCount().
+   NatCounter getStaticSrcCountersSinceLastPoll(Vor::Ptr<Ip::Nat::HwNatStaticConnection const> conn,
+                                                NatCounter const& counter, Ulo::VrfId vrfId) override;
+   NatCounter getStaticDstCountersSinceLastPoll(Vor::Ptr<Ip::Nat::HwNatStaticConnection const> conn,
+                                                NatCounter const& counter, Ulo::VrfId vrfId) override;
+   NatCounter getDynamicSrcCountersSinceLastPoll(U16 vlan, Lumet::ConnTuple const& conn,
+                                                 Ulo::VrfId vrfId) override;
+   NatCounter getDynamicDstCountersSinceLastPoll(U16 vlan, Lumet::ConnTuple const& conn, bool forward,
+                                                 IpAndPort const& natAddr, Ulo::VrfId vrfId) override;
+   bool dynamicTwiceActive(U16 vlan, U8 protocol, IpAndPort srcIpAndPortOld, IpAndPort srcIpAndPortNew,
+                           IpAndPort dstIpAndPortOld, IpAndPort dstIpAndPortNew) override;
+   NatCounter getTwiceNatSrcCountersSinceLastPoll(U16 vlan, U8 protocol, U16 natGroupId,
+                                                  IpAndPort srcIpAndPort, IpAndPort dstIpAndPort,
+                                                  Ulo::VrfId vrfId) override;
+   NatCounter getTwiceNatDstCountersSinceLastPoll(U16 vlan, U8 protocol, U16 natGroupId,
+                                                  IpAndPort srcIpAndPort, IpAndPort dstIpAndPort,
+                                                  Ulo::VrfId vrfId) override;
 
    // The single-address operations: each builds one chip entry of its kind
    // (a source add carries no next hop and no multicast data), or removes
@@ -295,6 +335,14 @@ class SimNatHelper : public UloHelper::UloHelperNat {
    void eraseAll(ChipEntryKey::Kind kind, U16 vlan, Ip::Nat::StaticKey const& staticKey,
                  Ulo::VrfId vrfId);
    void eraseOne(ChipEntryKey const& key);
+   // Takes the pending packets of the entries of one static connection and
+   // one kind.
+   U64 takeStaticPackets(ChipEntryKey::Kind kind, Ip::Nat::HwNatStaticConnection const& conn,
+                         Ulo::VrfId vrfId);
+   U64 takePackets(ChipEntryKey const& key);
+   // The chip key of a twice tuple's half, or nothing without a forward half.
+   std::optional<ChipEntryKey> twiceHalfKey(bool forward, Ulo::VrfId vrfId, U16 vlan, U16 group,
+                                            Lumet::ConnTuple const& tuple) const;
 
    std::size_t capacity_;
    bool immediate_;
@@ -302,6 +350,11 @@ class SimNatHelper : public UloHelper::UloHelperNat {
    U32 failNextCommit_ = 0;
    bool asyncHwStatusResult_ = true;
    std::map<ChipEntryKey, ChipEntry> entries_;
+   // Packets per entry since the last poll; kept in the chip's key order so
+   // that a connection's entries are one range. A poll drops what it finds
+   // for entries no longer on the chip.
+   std::map<ChipEntryKey, U64> pendingPackets_;
+   std::map<std::pair<Lumet::ConnTuple, bool>, U64> dynamicPackets_;
    std::map<VrfChipKey, VrfChipEntry> vrfEntries_;
    std::map<U32, VrfPolicerEntry> policers_;
    std::vector<StagedOp> staged_;
