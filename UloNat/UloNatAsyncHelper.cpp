@@ -649,6 +649,15 @@ bool NatAsyncHelper::addStaticIpTranslations(Ip::Nat::NatStaticConnection const&
                                              MulticastInfo multicastInfo, VrfId, bool aclSharing) {
    uloAssert(connEntry.filterAddresss() && "no filterAddr in connEntry");
    uloAssert(hwInitialized());
+   // The engine delivers a changed rule as another add of the same rule on
+   // the same VLAN. The version it replaces gives up its references first:
+   // its keys may differ from the new ones (another global address) and
+   // would stay in hardware, or be the same and take this VLAN twice.
+   auto const held = staticRule_.find(StaticRuleKey(vlan, staticKey));
+   if (held != staticRule_.end()) {
+      Ip::Nat::NatStaticConnection const previous = held->second;
+      deleteStaticIpTranslations(previous, vlan, staticKey, VrfId());
+   }
    if (!staticKey.aclName().empty()) aclNameIdTable_->allocateAclId(staticKey.aclName());
    NatHwKey srcKey;
    NatHwKey dstKey;
@@ -660,9 +669,14 @@ bool NatAsyncHelper::addStaticIpTranslations(Ip::Nat::NatStaticConnection const&
                                    multicastInfo, aclNameIdTable_, true, aclSharing);
    doAddOrUpdateIpTranslation(srcKey, srcData, connEntry, vlan);
    doAddOrUpdateIpTranslation(dstKey, dstData, connEntry, vlan);
+   staticRule_.insert_or_assign(StaticRuleKey(vlan, staticKey), connEntry);
    return true;
 }
 
+// The single-address forms are not used through this helper: a connection's
+// filter addresses travel together as sibling entries of one key, so a change
+// of one of them is a change of the whole connection. False tells the engine
+// that nothing was done.
 bool NatAsyncHelper::updateStaticDstIpTranslation(IpAndPort const&, IpAndPort const&, IpAddrWithFullMask const&, U8,
                                                   U16, Ip::Nat::StaticKey const&, NextHop, MulticastInfo, bool,
                                                   VrfId) {
@@ -678,22 +692,21 @@ bool NatAsyncHelper::updateStaticSrcIpTranslation(IpAndPort const&, IpAndPort co
 bool NatAsyncHelper::updateStaticDstIpTranslations(Ip::Nat::NatStaticConnection const& connEntry, U16 vlan,
                                                    Ip::Nat::StaticKey const& staticKey, NextHop nextHop,
                                                    MulticastInfo multicastInfo, VrfId) {
-   uloAssert(hwInitialized());
-   NatHwKey srcKey;
-   NatHwKey dstKey;
-   srcKey.keyTypeIs(NatHwKey::staticSnat);
-   dstKey.keyTypeIs(NatHwKey::staticDnat);
-   NatHwData srcData;
-   NatHwData dstData;
-   doPopulateStaticNatHwKeyAndData(srcKey, srcData, dstKey, dstData, connEntry, vlan, staticKey, nextHop,
-                                   multicastInfo, aclNameIdTable_, true, false);
-   doUpdateIpTranslation(dstKey, dstData, connEntry, vlan);
+   updateStaticIpTranslationHalf(NatHwKey::staticDnat, connEntry, vlan, staticKey, nextHop, multicastInfo);
    return true;
 }
 
 bool NatAsyncHelper::updateStaticSrcIpTranslations(Ip::Nat::NatStaticConnection const& connEntry, U16 vlan,
                                                    Ip::Nat::StaticKey const& staticKey, NextHop nextHop,
                                                    MulticastInfo multicastInfo, VrfId) {
+   updateStaticIpTranslationHalf(NatHwKey::staticSnat, connEntry, vlan, staticKey, nextHop, multicastInfo);
+   return true;
+}
+
+void NatAsyncHelper::updateStaticIpTranslationHalf(NatHwKey::NatKeyType half,
+                                                   Ip::Nat::NatStaticConnection const& connEntry, U16 vlan,
+                                                   Ip::Nat::StaticKey const& staticKey, NextHop const& nextHop,
+                                                   MulticastInfo const& multicastInfo) {
    uloAssert(hwInitialized());
    NatHwKey srcKey;
    NatHwKey dstKey;
@@ -701,10 +714,15 @@ bool NatAsyncHelper::updateStaticSrcIpTranslations(Ip::Nat::NatStaticConnection 
    dstKey.keyTypeIs(NatHwKey::staticDnat);
    NatHwData srcData;
    NatHwData dstData;
+   // The ACL sharing flag is written at the add only; an update keeps the
+   // entry's own.
    doPopulateStaticNatHwKeyAndData(srcKey, srcData, dstKey, dstData, connEntry, vlan, staticKey, nextHop,
                                    multicastInfo, aclNameIdTable_, true, false);
-   doUpdateIpTranslation(srcKey, srcData, connEntry, vlan);
-   return true;
+   if (half == NatHwKey::staticSnat) {
+      doUpdateIpTranslation(srcKey, srcData, connEntry, vlan);
+   } else {
+      doUpdateIpTranslation(dstKey, dstData, connEntry, vlan);
+   }
 }
 
 void NatAsyncHelper::deleteStaticIpTranslations(Ip::Nat::NatStaticConnection const& connEntry, U16 vlan,
@@ -715,6 +733,7 @@ void NatAsyncHelper::deleteStaticIpTranslations(Ip::Nat::NatStaticConnection con
    dstKey.keyTypeIs(NatHwKey::staticDnat);
    NatHwData srcData;
    NatHwData dstData;
+   staticRule_.erase(StaticRuleKey(vlan, staticKey));
    doPopulateStaticNatHwKeyAndData(srcKey, srcData, dstKey, dstData, connEntry, vlan, staticKey, NextHop(),
                                    MulticastInfo(), aclNameIdTable_, false, false);
    if (srcKey) doDeleteOrUpdateIpTranslation(srcKey, vlan);

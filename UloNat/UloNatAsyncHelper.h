@@ -63,6 +63,7 @@
 #include <set>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 #include "UloNat/UloHelperNat.h"
 #include "UloNat/UloNatAclHelper.h"
@@ -347,6 +348,10 @@ class NatAsyncHelper : public UloHelper::UloHelperNat {
 
  private:
    void addStaticAcl(NatHwKey const& key, Ip::Nat::NatStaticConnection const& connEntry);
+   // The update of one half (staticSnat or staticDnat) of a static connection.
+   void updateStaticIpTranslationHalf(NatHwKey::NatKeyType half, Ip::Nat::NatStaticConnection const& connEntry,
+                                      U16 vlan, Ip::Nat::StaticKey const& staticKey, NextHop const& nextHop,
+                                      MulticastInfo const& multicastInfo);
    void addDynamicIpTranslation(Ip::Nat::NatTarget target, Lumet::ConnTuple const& flowKey, NatHwKey const& key,
                                 U16 vlanId, U64 nextHopId);
    void deleteDynamicIpTranslation(NatHwKey const& key, U16 vlanId);
@@ -366,6 +371,10 @@ class NatAsyncHelper : public UloHelper::UloHelperNat {
    CacheMap cache_;
    std::map<Vor::String, TrapVlanSet> trapVlanSet_;
    std::map<DynamicFlowKey, NatHwKey> dynamicFlowMap_;
+   // The static rules added and not deleted, by VLAN and rule, with the
+   // connection last added: what a re-add of the same rule replaces.
+   using StaticRuleKey = std::pair<U16, Ip::Nat::StaticKey>;
+   std::map<StaticRuleKey, Ip::Nat::NatStaticConnection> staticRule_;
 };
 
 // The helper with notification active, its queue directory, ACL tables and

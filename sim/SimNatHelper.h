@@ -328,6 +328,12 @@ class SimNatHelper : public UloHelper::UloHelperNat {
                   IpAddrWithFullMask const& filterAddress, U8 protocol, U16 vlan,
                   Ip::Nat::StaticKey const& staticKey, NextHop const& nextHop,
                   MulticastInfo const& multicastInfo, bool forward, Ulo::VrfId vrfId, bool isUpdate);
+   // Builds the entry of one twice NAT half and puts it; add and update
+   // differ only in `isUpdate`.
+   UloHelper::NatHwResult putTwice(IpAndPort srcIpAndPortOld, IpAndPort srcIpAndPortNew,
+                                   IpAndPort dstIpAndPortOld, IpAndPort dstIpAndPortNew, U8 protocol, U16 vlan,
+                                   NextHop const& nextHop, MulticastInfo const& multicastInfo, bool forward,
+                                   U16 natGroupId, Ulo::VrfId vrfId, bool isUpdate);
    // Puts one VRF translation on the chip (see addStaticVrfSrcIpTranslation).
    bool putVrf(VrfChipKey const& key, VrfChipEntry const& entry);
    // Whether the chip has room for one more entry, after what is staged.

@@ -30,19 +30,8 @@ UloHelper::NatHwResult SimNatHelper::addTwiceNatTranslation(
    IpAndPort dstIpAndPortNew, U8 protocol, U16 vlan, NextHop nextHop, MulticastInfo multicastInfo,
    bool forward, U16 natGroupId, Ulo::VrfId vrfId, bool) {
    ++counts_.twiceAdds;
-   ChipEntry const entry{srcIpAndPortOld,
-                         srcIpAndPortNew,
-                         protocol,
-                         vlan,
-                         forward,
-                         Ulo::natHwNextHopId(nextHop),
-                         multicastInfo && multicastInfo->multicast(),
-                         dstIpAndPortOld,
-                         dstIpAndPortNew,
-                         multicastInfo ? multicastInfo->oifSet() : Ulo::NatMrouteOifSet()};
-   bool const ok =
-      put(twiceKey(forward, vrfId, vlan, natGroupId, srcIpAndPortOld, dstIpAndPortOld), entry, false);
-   return ok ? UloHelper::NatHwResult::success : UloHelper::NatHwResult::tableFull;
+   return putTwice(srcIpAndPortOld, srcIpAndPortNew, dstIpAndPortOld, dstIpAndPortNew, protocol, vlan, nextHop,
+                   multicastInfo, forward, natGroupId, vrfId, false);
 }
 
 UloHelper::NatHwResult SimNatHelper::updateTwiceNatTranslation(
@@ -50,6 +39,15 @@ UloHelper::NatHwResult SimNatHelper::updateTwiceNatTranslation(
    IpAndPort dstIpAndPortNew, U8 protocol, U16 vlan, NextHop nextHop, MulticastInfo multicastInfo,
    bool forward, U16 natGroupId, Ulo::VrfId vrfId, bool) {
    ++counts_.twiceUpdates;
+   return putTwice(srcIpAndPortOld, srcIpAndPortNew, dstIpAndPortOld, dstIpAndPortNew, protocol, vlan, nextHop,
+                   multicastInfo, forward, natGroupId, vrfId, true);
+}
+
+UloHelper::NatHwResult SimNatHelper::putTwice(IpAndPort srcIpAndPortOld, IpAndPort srcIpAndPortNew,
+                                              IpAndPort dstIpAndPortOld, IpAndPort dstIpAndPortNew, U8 protocol,
+                                              U16 vlan, NextHop const& nextHop,
+                                              MulticastInfo const& multicastInfo, bool forward, U16 natGroupId,
+                                              Ulo::VrfId vrfId, bool isUpdate) {
    ChipEntry const entry{srcIpAndPortOld,
                          srcIpAndPortNew,
                          protocol,
@@ -61,7 +59,7 @@ UloHelper::NatHwResult SimNatHelper::updateTwiceNatTranslation(
                          dstIpAndPortNew,
                          multicastInfo ? multicastInfo->oifSet() : Ulo::NatMrouteOifSet()};
    bool const ok =
-      put(twiceKey(forward, vrfId, vlan, natGroupId, srcIpAndPortOld, dstIpAndPortOld), entry, true);
+      put(twiceKey(forward, vrfId, vlan, natGroupId, srcIpAndPortOld, dstIpAndPortOld), entry, isUpdate);
    return ok ? UloHelper::NatHwResult::success : UloHelper::NatHwResult::tableFull;
 }
 
