@@ -5,6 +5,9 @@
 //   ulonat-sim scenario.json     a scenario file (format: docs/scenario-format.md)
 //   ulonat-sim --json ...        the report as JSON
 //   ulonat-sim --trace 'UloNat*/8' ...   the library's traces on standard error
+//   ulonat-sim --agent ROOT --rules N [--from S --to T --report F --progress F]
+//                                the agent side of a run whose programmer is
+//                                `ulonat-programmer --root ROOT` (see Agent.h)
 //
 // Exit status: 0 when every expectation held, 1 when one failed, 2 on bad
 // input (nothing is run then).
@@ -14,6 +17,7 @@
 #include <iostream>
 
 #include "framework/VorTrace.h"
+#include "tools/ulonat-sim/Agent.h"
 #include "tools/ulonat-sim/Runner.h"
 
 int main(int argc, char** argv) {
@@ -25,6 +29,14 @@ int main(int argc, char** argv) {
    app.add_flag("--json", json, "print the report as JSON");
    app.add_option("--trace", trace,
                   "enable the library's traces, e.g. 'UloNat*/8' (pattern/level, comma-separated)");
+   UloNatSim::AgentOptions agent;
+   app.add_option("--agent", agent.root, "run the agent side against ulonat-programmer on this table root");
+   app.add_option("--rules", agent.rules, "--agent: rule slots")->check(CLI::Range(1, 1 << 22));
+   app.add_option("--from", agent.from, "--agent: the step whose configuration to start with");
+   app.add_option("--to", agent.to, "--agent: the last step to go through");
+   app.add_option("--report", agent.report, "--agent: the report file");
+   app.add_option("--progress", agent.progress, "--agent: the file that holds the last step given");
+   app.add_option("--timeout", agent.timeout, "--agent: real seconds each settling may take");
    try {
       app.parse(argc, argv);
    } catch (CLI::ParseError const& e) {
@@ -34,6 +46,14 @@ int main(int argc, char** argv) {
    if (!trace.empty() && !Vor::traceEnableRules(trace)) {
       std::cerr << "ulonat-sim: --trace '" << trace << "': expected pattern/level[,pattern/level...]\n";
       return 2;
+   }
+
+   if (!agent.root.empty()) {
+      if (!file.empty()) {
+         std::cerr << "ulonat-sim: --agent takes no scenario file ('" << file << "')\n";
+         return 2;
+      }
+      return UloNatSim::runAgent(agent);
    }
 
    UloNatSim::Scenario scenario;
