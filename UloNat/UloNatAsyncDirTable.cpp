@@ -47,7 +47,7 @@ class NatAsyncHwConfigTable::VorConfigDir : public Vor::Reactor<NatAsyncHwConfig
  public:
    explicit VorConfigDir(NatAsyncHwConfigTable* table)
        : Reactor(table, [] {
-            static Bindings const b{onKey<NatHwKey>(NatAsyncHwConfigDir::configId, &NatAsyncHwConfigTable::handleConfig)};
+            static Bindings const b{onKey<&NatAsyncHwConfigTable::handleConfig>(NatAsyncHwConfigDir::configId)};
             return std::cref(b);
          }()) {}
 };
@@ -56,7 +56,7 @@ class NatAsyncHwConfigTable::VorConfig : public Vor::Reactor<NatAsyncHwConfig, V
  public:
    VorConfig(Vor::Ptr<NatAsyncHwConfig> const& config, NatAsyncHwConfigTable* table)
        : Reactor(this, [] {
-            static Bindings const b{onEvent(NatAsyncHwConfig::opTypeId, &VorConfig::handleOpType)};
+            static Bindings const b{onEvent<&VorConfig::handleOpType>(NatAsyncHwConfig::opTypeId)};
             return std::cref(b);
          }()),
          table_(table),
@@ -188,7 +188,7 @@ class NatAsyncHwStatusTable::VorStatusDir : public Vor::Reactor<NatAsyncHwStatus
  public:
    explicit VorStatusDir(NatAsyncHwStatusTable* table)
        : Reactor(table, [] {
-            static Bindings const b{onKey<NatHwKey>(NatAsyncHwStatusDir::statusId, &NatAsyncHwStatusTable::handleStatus)};
+            static Bindings const b{onKey<&NatAsyncHwStatusTable::handleStatus>(NatAsyncHwStatusDir::statusId)};
             return std::cref(b);
          }()) {}
 };
@@ -197,7 +197,7 @@ class NatAsyncHwStatusTable::VorStatus : public Vor::Reactor<NatAsyncHwStatus, V
  public:
    VorStatus(Vor::Ptr<NatAsyncHwStatus> const& status, NatAsyncHwStatusTable* table)
        : Reactor(this, [] {
-            static Bindings const b{onEvent(NatAsyncHwStatus::stateId, &VorStatus::handleState)};
+            static Bindings const b{onEvent<&VorStatus::handleState>(NatAsyncHwStatus::stateId)};
             return std::cref(b);
          }()),
          table_(table),
