@@ -149,6 +149,13 @@ void SimNatProgrammer::answer(Pending const& p) {
       status->stateIs(NatAsyncHwStatus::success);
       return;
    }
+   // The helper writes the shadow before the command, so a missing entry
+   // means the shadow cannot be read here (its writer has gone, in another
+   // process): the command stays in progress and is carried out again at
+   // the next start.
+   NatHwKey first = p.key;
+   first.filterAddrIdIs(0);
+   if (!hwShadow_->entryHas(first)) return;
    status->stateIs(program(p.key));
 }
 

@@ -1,8 +1,16 @@
 #include "sim/SimSystem.h"
 
+#include <chrono>
+#include <thread>
+
 #include "framework/UloAssert.h"
 
 namespace Sim {
+
+namespace {
+// Virtual seconds between two looks of a remote programmer's tables.
+constexpr double kRemoteStep = 0.002;
+} // namespace
 
 SimSystem::SimSystem(SimOptions const& options) {
    logs_ = std::make_unique<Vor::CapturingLogSink>();
@@ -32,7 +40,7 @@ SimSystem::SimSystem(SimOptions const& options) {
    staticNatInfo_ = Vor::Ptr<MrouteLib::StaticNatInfo>(new MrouteLib::StaticNatInfo());
 
    options_ = options;
-   if (options.async) chip_ = simNatChipFactory(options.capacity);
+   if (options.async && !options.remoteProgrammer) chip_ = simNatChipFactory(options.capacity);
    buildAgent();
 }
 
@@ -60,9 +68,19 @@ void SimSystem::buildAgent() {
       asyncHelper_->asyncHwStatusDirIs(asyncHwStatusDir_);
       asyncHelper_->hwShadowIs(hwShadow_);
       asyncHelper_->aclHelperIs(Ulo::natAclHelperFactory(aclConfig_, aclStatus_));
-      programmer_ = simNatProgrammerFactory(asyncHwConfigDir_, asyncHwStatusDir_, hwShadow_, chip_, scheduler_);
-      programmer_->delayIs(options_.programmerDelay);
-      programmer_->initializedIs(true);
+      if (options_.remoteProgrammer) {
+         uloAssert(!options_.shadowRoot.empty());
+         // A shadow that starts empty was lost (or never was): the commands
+         // an earlier life left describe hardware nobody can vouch for.
+         adoptCommands_ = hwShadow_->entrys() != 0;
+         hwShadow_->entryMap().map().watchIntervalIs(kRemoteStep);
+         // The tables of the two directories are mounted at start(), once
+         // the replay has filled them.
+      } else {
+         programmer_ = simNatProgrammerFactory(asyncHwConfigDir_, asyncHwStatusDir_, hwShadow_, chip_, scheduler_);
+         programmer_->delayIs(options_.programmerDelay);
+         programmer_->initializedIs(true);
+      }
       natHelper = asyncHelper_;
    }
    natHelper->hwNatProfileSupportedIs(options_.hwNatProfileSupported);
@@ -101,6 +119,8 @@ void SimSystem::agentDown() {
    adapter_ = nullptr;
    programmer_ = nullptr;
    asyncHelper_ = nullptr;
+   statusTable_.reset();
+   configTable_.reset();
    asyncHwConfigDir_ = nullptr;
    asyncHwStatusDir_ = nullptr;
    aclConfig_ = nullptr;
@@ -119,6 +139,8 @@ SimSystem::~SimSystem() {
    adapter_ = nullptr;
    programmer_ = nullptr;
    asyncHelper_ = nullptr;
+   statusTable_.reset();
+   configTable_.reset();
    helper_ = nullptr;
    hwShadow_ = nullptr;
    Dov::TaskSchedulerRoot::schedulerIs(nullptr);
@@ -127,7 +149,56 @@ SimSystem::~SimSystem() {
 
 void SimSystem::start() {
    root_->initializedIs(true);
+   if (options_.async && options_.remoteProgrammer && !configTable_) mountRemoteTables();
    runUntilIdle();
+}
+
+void SimSystem::mountRemoteTables() {
+   // The replay has issued every command this life wants, in this process
+   // only: the programmer sees the table when it is whole, and what an
+   // earlier life left beyond it is gone.
+   configTable_ = std::make_unique<Ulo::NatAsyncHwConfigTable>(
+      asyncHwConfigDir_, "natAsyncHwConfigDir",
+      Zaffa::MapDescriptor::sharedWriter(options_.shadowRoot, 1024, 1u << 21), scheduler_, adoptCommands_);
+   statusTable_ = std::make_unique<Ulo::NatAsyncHwStatusTable>(
+      asyncHwStatusDir_, "natAsyncHwStatusDir", Zaffa::MapDescriptor::sharedReader(options_.shadowRoot, true),
+      scheduler_, configTable_.get());
+   // The tables look for wake-ups once per interval of the (virtual) clock,
+   // which runWhileWaiting moves by this much at a time.
+   configTable_->map().watchIntervalIs(kRemoteStep);
+   statusTable_->map().watchIntervalIs(kRemoteStep);
+}
+
+bool SimSystem::runWhileWaiting(std::function<bool()> const& done, double seconds) {
+   using Clock = std::chrono::steady_clock;
+   auto const deadline = Clock::now() + std::chrono::duration<double>(seconds);
+   while (!done()) {
+      if (Clock::now() >= deadline) return false;
+      Vor::U64 const ran = scheduler_->runFor(kRemoteStep);
+      // Only the table watches ran: give the other process the processor.
+      if (ran <= 3) std::this_thread::sleep_for(std::chrono::microseconds(200));
+   }
+   return true;
+}
+
+bool SimSystem::asyncSettled() const {
+   if (!asyncHwConfigDir_) return true;
+   for (auto const& m : asyncHwConfigDir_->config()) {
+      if (m.value()->opType() != Ulo::NatRequestQueue::idle) return false;
+      auto status = asyncHwStatusDir_->status(m.key());
+      if (!status || status->state() != Ulo::NatAsyncHwStatus::idle) return false;
+   }
+   // A status whose command has gone is the programmer's to remove: until
+   // it has, the programmer has not seen everything.
+   if (asyncHwStatusDir_->statuss() != asyncHwConfigDir_->configs()) return false;
+   if (statusTable_ && statusTable_->map().members() != asyncHwConfigDir_->configs()) return false;
+   // The empty queues of sibling keys stay in the directory by design.
+   auto queues = asyncHelper_->requestQueueDir();
+   if (!queues) return true;
+   for (auto const& m : queues->requestQ()) {
+      if (!m.value()->pendingEmpty()) return false;
+   }
+   return true;
 }
 
 // ---- the central state store's writes ----

@@ -23,6 +23,9 @@
 #include <vector>
 
 #include "UloNat/UloNatAclHelper.h"
+#include <functional>
+
+#include "UloNat/UloNatAsyncDirTable.h"
 #include "UloNat/UloNatAsyncHelper.h"
 #include "UloNat/UloNatSm.h"
 #include "framework/VorLog.h"
@@ -55,6 +58,13 @@ struct SimOptions {
    std::string shadowRoot;
    // Asynchronous mode: virtual seconds before the programmer answers.
    double programmerDelay = 0.0;
+   // Asynchronous mode with a shadowRoot: the programmer stands in another
+   // process (ulonat-programmer on the same root). The command and status
+   // directories are then mounted on tables under shadowRoot, and this
+   // system has neither programmer nor chip; answers come as that process
+   // gives them, in real time, so a driver runs the scheduler until
+   // asyncSettled().
+   bool remoteProgrammer = false;
    // VRF-to-VRF NAT, and translation into VRFs other than "default".
    bool natVrfHopStaticSupported = false;
    bool natOutsideVrfSupported = false;
@@ -157,6 +167,16 @@ class SimSystem {
    Vor::Ptr<Ulo::NatAsyncHwStatusDir> const& asyncHwStatusDir() const { return asyncHwStatusDir_; }
    Vor::Ptr<Ulo::NatHwShadow> const& hwShadow() const { return hwShadow_; }
    Vor::Ptr<SimNatChip> const& chip() const { return chip_; }
+   // Remote programmer (null otherwise): the tables the directories stand on.
+   Ulo::NatAsyncHwConfigTable* asyncHwConfigTable() const { return configTable_.get(); }
+   Ulo::NatAsyncHwStatusTable* asyncHwStatusTable() const { return statusTable_.get(); }
+   // Asynchronous mode: every command is idle, confirmed idle by the
+   // programmer, and no request waits.
+   bool asyncSettled() const;
+   // Remote programmer: runs the scheduler in small steps of virtual time
+   // while the other process works on real time, until `done()` holds or
+   // `seconds` of real time have passed. Returns done().
+   bool runWhileWaiting(std::function<bool()> const& done, double seconds);
    Vor::Ptr<Ulo::NatAclConfig> const& aclConfig() const { return aclConfig_; }
    Vor::Ptr<Ip::Nat::Status> const& status() const { return status_; }
    Vor::Ptr<Ip::Nat::HwStatus> const& hwStatus() const { return hwStatus_; }
@@ -202,6 +222,7 @@ class SimSystem {
    // Builds what the agent owns: helper (and in asynchronous mode the
    // pipeline and its programmer) and root.
    void buildAgent();
+   void mountRemoteTables();
 
    SimOptions options_;
 
@@ -226,6 +247,9 @@ class SimSystem {
    Vor::Ptr<Ulo::NatAclStatus> aclStatus_;
    Vor::Ptr<Ulo::NatAsyncHelper> asyncHelper_;
    Vor::Ptr<SimNatProgrammer> programmer_;
+   std::unique_ptr<Ulo::NatAsyncHwConfigTable> configTable_;
+   std::unique_ptr<Ulo::NatAsyncHwStatusTable> statusTable_;
+   bool adoptCommands_ = true;
    Vor::Ptr<MrouteLib::StaticNatInfo> staticNatInfo_;
    Vor::Ptr<Ip::Nat::McastTranslationMode> mcastMode_;
    Vor::Ptr<Ulo::NatMrouteRequestSet> mrouteRequests_;

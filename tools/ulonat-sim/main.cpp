@@ -7,6 +7,9 @@
 //   ulonat-sim --trace 'UloNat*/8' ...   the library's traces on standard error
 //   ulonat-sim --summary ...     counts without the lists of chip entries
 //   ulonat-sim -                 the scenario from standard input
+//   ulonat-sim --agent ROOT --rules N [--from S --to T --report F --progress F]
+//                                the agent side of a run whose programmer is
+//                                `ulonat-programmer --root ROOT` (see Agent.h)
 //
 // Exit status: 0 when every expectation held, 1 when one failed, 2 on bad
 // input (nothing is run then).
@@ -17,6 +20,7 @@
 
 #include "UloNat/UloNatVersion.h"
 #include "framework/VorTrace.h"
+#include "tools/ulonat-sim/Agent.h"
 #include "tools/ulonat-sim/Runner.h"
 
 int main(int argc, char** argv) {
@@ -36,6 +40,14 @@ int main(int argc, char** argv) {
    app.footer("Exit status: 0 every expectation held; 1 an expectation failed;\n"
               "2 bad command line or scenario (nothing is run).\n"
               "Format of scenario files: docs/scenario-format.md.");
+   UloNatSim::AgentOptions agent;
+   app.add_option("--agent", agent.root, "run the agent side against ulonat-programmer on this table root");
+   app.add_option("--rules", agent.rules, "--agent: rule slots")->check(CLI::Range(1, 1 << 22));
+   app.add_option("--from", agent.from, "--agent: the step whose configuration to start with");
+   app.add_option("--to", agent.to, "--agent: the last step to go through");
+   app.add_option("--report", agent.report, "--agent: the report file");
+   app.add_option("--progress", agent.progress, "--agent: the file that holds the last step given");
+   app.add_option("--timeout", agent.timeout, "--agent: real seconds each settling may take");
    try {
       app.parse(argc, argv);
    } catch (CLI::ParseError const& e) {
@@ -45,6 +57,14 @@ int main(int argc, char** argv) {
    if (!trace.empty() && !Vor::traceEnableRules(trace)) {
       std::cerr << "ulonat-sim: --trace '" << trace << "': expected pattern/level[,pattern/level...]\n";
       return 2;
+   }
+
+   if (!agent.root.empty()) {
+      if (!file.empty()) {
+         std::cerr << "ulonat-sim: --agent takes no scenario file ('" << file << "')\n";
+         return 2;
+      }
+      return UloNatSim::runAgent(agent);
    }
 
    UloNatSim::Scenario scenario;
