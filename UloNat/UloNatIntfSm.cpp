@@ -130,19 +130,9 @@ void NatIntfStatusSm::handleInitialized() {
 
 // ---- walks whose keyed handlers come with the other kinds of rule ----
 
-void NatIntfStatusSm::handleDynamicConnection() {
-   // Walks the interface's dynamic connections once dynamic NAT is handled by
-   // the engine (handleDynamicConnection(key)).
-}
-
 void NatIntfStatusSm::handleTrapRule() {
    // Walks intfStatus's trapRule once trap rules are handled by the engine
    // (handleTrapRule(key)).
-}
-
-void NatIntfStatusSm::doProcessBacklogDynamic() {
-   // The dynamic backlog (deferredDynamicNat) is filled and drained by the
-   // dynamic-NAT path of the engine; nothing defers dynamic work yet.
 }
 
 // ---- profiles and VLANs ----
@@ -208,8 +198,24 @@ void NatIntfStatusSm::doCleanupConnections() {
    // Hardware is down, so each keyed handler takes its delete branch.
    handleStaticConnection();
    handleTrapRule();
-   // Dynamic connections in hardware are taken out by the dynamic-NAT path
-   // once the engine handles them.
+   if (hwCapabilities_->dynamicNatSupported()) {
+      // From hardware status, not from the connection table, which may no
+      // longer hold what was programmed.
+      std::vector<Ip::Nat::DynamicConnectionKey> keys;
+      dynamicConnectionHwStatus_->dynamicConnectionHwWalk(
+         Ip::Nat::DynamicConnectionKey(natIntf_, Lumet::ConnTuple()),
+         [&](Ip::Nat::DynamicConnectionHw const& hw) {
+            if (!(hw.key().intfId() == natIntf_)) return false;
+            keys.push_back(hw.key());
+            return true;
+         });
+      for (auto const& key : keys) {
+         if (!dynamicConnectionHwStatus_->dynamicConnectionHwHas(key)) continue;
+         deleteDynamicConnection(key);
+         checkUnprogrammedDynamicEntry(key.connTuple());
+      }
+      deferredDynamicNat_.delAll();
+   }
    handleTwiceNatConnection();
 }
 

@@ -237,6 +237,57 @@ class NatIntfStatusSm : public UloBaseSm {
    // Their keyed handlers come with dynamic NAT and trap rules.
    void handleTwiceNatConnection();
    void handleDynamicConnection();
+
+   // ---- dynamic connections ----
+   // The reaction to one change of the dynamic connection table. Without
+   // hardware nothing happens. Otherwise the event is deferred to the
+   // backlog, or, while the connections are first replayed on a helper that
+   // asks for it (skipDeferredProcessingOnInit), handled at once. A
+   // connection that is neither address-only nor TCP or UDP is ignored.
+   void handleDynamicConnection(Ip::Nat::DynamicConnectionKey const& key);
+   // The review's retry of an unprogrammed tuple: done at once, inside the
+   // review's run, so that a refusal waits for the review's next turn instead
+   // of going round the backlog and the review in no time at all.
+   void reviewDynamicConnection(Ip::Nat::DynamicConnectionKey const& key);
+   // Programs the connection and, when the helper took it, watches the next
+   // hop of its address.
+   void handleAddDynamicConnection(Ip::Nat::DynamicConnectionKey const& key,
+                                   Ip::Nat::DynamicConnection const& conn);
+   // The source translation, then the destination translation (or one more
+   // remote on an existing full-cone entry). Returns whether both were
+   // taken; a refusal leaves the tuple unprogrammed and nothing of it in
+   // hardware.
+   bool addDynamicConnection(Ip::Nat::DynamicConnectionKey const& key,
+                             Ip::Nat::DynamicConnection const& conn);
+   // Reprograms the destination translation after a next-hop change.
+   void updateDynamicConnection(Ip::Nat::DynamicConnectionKey const& key);
+   // Takes the connection out of hardware, hardware status, the per-VRF
+   // indexes and the watched addresses. Works from hardware status, since
+   // the connection may be gone from the table.
+   void deleteDynamicConnection(Ip::Nat::DynamicConnectionKey const& key);
+   // A newcomer that collides with connections in hardware (same tuple, or
+   // one's reverse, or another source on the same full-cone address) wins:
+   // the old ones are deleted, on whichever interface of the VRF they are.
+   void checkDuplicateConnection(Lumet::ConnTuple const& connTuple, Lumet::IpAndPort const& natAddr,
+                                 bool fullCone);
+   void deleteDuplicateConnection(Lumet::ConnTuple const& tuple, bool fwd);
+
+   // ---- the dynamic backlog ----
+   // Collapses `op` into the tuple's pending event and makes sure the task
+   // will run. REQUIRES: an entry that meets anything but add, delete or
+   // update is a delete ("op == deleteDyn()").
+   void addDeferredDynamicNatRequest(Ip::Nat::DynamicConnectionKey const& key, DeferredDynamicNatEvent op);
+   void startDynamicBacklogTask();
+   // Requests seen by addDeferredDynamicNatRequest, and those that met a
+   // pending event of their tuple (dropped or absorbed by it).
+   Vor::U64 dynamicRequests() const { return dynamicRequests_; }
+   Vor::U64 dynamicRequestsCollapsed() const { return dynamicRequestsCollapsed_; }
+   // Removes what was programmed, then remembers the tuple for review.
+   void addUnprogrammedDynamicEntry(Ip::Nat::DynamicConnectionKey const& key);
+   // Remembers a dynamic twice connection that no twice rule took; deletes
+   // nothing and never raises the table-full state.
+   void addUnprogrammedDynamicTwiceEntry(Lumet::ConnTuple const& tuple);
+   void checkUnprogrammedDynamicEntry(Lumet::ConnTuple const& tuple);
    void handleTrapRule();
 
    // ---- twice NAT connections ----
@@ -424,6 +475,8 @@ class NatIntfStatusSm : public UloBaseSm {
    void vlanIdIs(Vor::U16 v) { vlanId_ = v; }
 
    Ptr<Ip::Nat::HwIntfStatus> hwIntfStatus() const;
+   // The VLAN (or profile) of a dynamic operation of connection key `key`.
+   Vor::U16 dynamicVlan(Ip::Nat::DynamicConnectionKey const& key) const;
 
    // Scalars and collaborators, in declared order.
    // The interface's configuration. Trap rules get their binding with the
@@ -479,6 +532,8 @@ class NatIntfStatusSm : public UloBaseSm {
    Vor::Watch<Dov::Task, NatIntfStatusSm,
               Vor::OnEvent<Dov::Task::taskRunId, &NatIntfStatusSm::doProcessBacklogDynamic>>
       dynamicBacklogTask_{this};
+   Vor::U64 dynamicRequests_ = 0;
+   Vor::U64 dynamicRequestsCollapsed_ = 0;
    bool cleanupInProgress_ = false;
    bool connectionInitInProgress_ = true;
    UnprogrammedBook unprogrammed_;

@@ -275,8 +275,12 @@ void NatIntfStatusSm::updateNextHop(VrfAndIpAddr const& vrfAndAddr) {
       }
       updateTwiceNatConnection(key.group(), key.addr());
    }
-   // Dynamic connections watch addresses of their own; their updates come
-   // with dynamic NAT.
+   for (auto const& tuple : dynamicWatchedAddr_.keysWatching(addr)) {
+      Ip::Nat::DynamicConnectionKey const key(natIntf_, tuple);
+      // A pending event programs the current next hop when it runs.
+      if (deferredDynamicNat_.has(tuple)) continue;
+      if (dynamicConnectionHwStatus_->dynamicConnectionHwHas(key)) updateDynamicConnection(key);
+   }
 }
 
 // ---- deferred commit ----

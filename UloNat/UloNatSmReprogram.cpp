@@ -98,9 +98,8 @@ void NatSm::handleAsyncHwStatus() {
 
 void NatSm::handleDynamicConnection(Ip::Nat::DynamicConnectionKey const& key) {
    VOR_TRACE(7, ", natIntf: " << key.intfId() << ", conn: " << key.connTuple().stringValue());
-   if (natIntfStatusSm(key.intfId())) {
-      // The engine's dynamic connection handler, which comes with dynamic
-      // NAT, takes the connection from here.
+   if (auto engine = natIntfStatusSm(key.intfId())) {
+      engine->handleDynamicConnection(key);
       return;
    }
    VOR_TRACE(5, "Missing intfStatusSm for " << key.intfId());

@@ -10,6 +10,20 @@ VOR_TRACE_HANDLE("UloNatSmReview");
 
 namespace Ulo {
 
+namespace {
+
+// A copy: a retry that succeeds takes its tuple out of the set, and the last
+// one takes the whole record.
+std::vector<Lumet::ConnTuple> unprogrammedDynamicTuples(NatUnprogrammedEntries const& ue) {
+   std::vector<Lumet::ConnTuple> out;
+   for (auto it = ue.dynamicEntries().begin(); it; ++it) {
+      if (it.isLive()) out.push_back(it.key());
+   }
+   return out;
+}
+
+} // namespace
+
 // ---- next hops ----
 
 void NatSm::handleNextHopUpdate(VrfAndIpAddr const& key) {
@@ -103,6 +117,12 @@ void NatSm::reviewUnprogrammedEntries(NatType const& type) {
          }
          break;
       case NatType::dynamicNat:
+         for (auto const& tuple : unprogrammedDynamicTuples(*ue)) {
+            engine->reviewDynamicConnection(Ip::Nat::DynamicConnectionKey(intf, tuple));
+            ++reviewed;
+            if (self->taskShouldYield()) break;
+         }
+         break;
       case NatType::trapAclNat:
          // Retried by the engine's dynamic-NAT and trap-rule handlers, which
          // come with those capabilities; nothing records such entries yet.

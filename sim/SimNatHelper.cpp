@@ -104,7 +104,7 @@ bool SimNatHelper::presentAfterStage(ChipEntryKey const& key) const {
 }
 
 std::size_t SimNatHelper::occupancyAfterStage() const {
-   return static_cast<std::size_t>(static_cast<long>(entries_.size()) + stagedDelta_) + vrfOccupancy();
+   return static_cast<std::size_t>(static_cast<long>(entries_.size()) + stagedDelta_) + sideOccupancy();
 }
 
 void SimNatHelper::stage(StagedOp const& op) {
@@ -123,7 +123,7 @@ void SimNatHelper::stage(StagedOp const& op) {
 bool SimNatHelper::put(ChipEntryKey const& key, ChipEntry const& entry, bool isUpdate) {
    if (refuseNow()) return false;
    bool const present = immediate_ ? entries_.count(key) != 0 : presentAfterStage(key);
-   std::size_t const occupancy = immediate_ ? entries_.size() + vrfOccupancy() : occupancyAfterStage();
+   std::size_t const occupancy = immediate_ ? entries_.size() + sideOccupancy() : occupancyAfterStage();
    if (!present && occupancy >= capacity_) {
       ++counts_.refused;
       return false;

@@ -45,6 +45,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "UloNat/UloHelperNat.h"
@@ -80,6 +81,30 @@ struct ChipEntryKey {
 // held for it: the source half matches `oldAddr` in the inside VRF and
 // writes `newAddr` into the outside VRF, the destination half matches
 // `newAddr` in the outside VRF and writes `oldAddr` back.
+// One dynamic translation on the chip: the source or the destination half of
+// a connection, by tuple (a full-cone destination by NAT address only, shared
+// by every remote that reaches it).
+struct DynamicChipKey {
+   bool destination = false;
+   Ulo::VrfId vrfId;
+   Lumet::ConnTuple tuple;
+
+   bool operator==(DynamicChipKey const& o) const = default;
+};
+
+struct DynamicChipKeyHash {
+   std::size_t operator()(DynamicChipKey const& k) const noexcept {
+      return k.tuple.hash(k.vrfId.value() * 2u + (k.destination ? 1u : 0u));
+   }
+};
+
+struct DynamicChipEntry {
+   Lumet::IpAndPort newIpAndPort;
+   U16 vlan = 0;
+   U64 nextHopId = 0;
+   bool operator==(DynamicChipEntry const& o) const = default;
+};
+
 struct VrfChipKey {
    enum class Kind : U8 { vrfSrc = 0, vrfDst = 1 };
    Kind kind = Kind::vrfSrc;
@@ -148,6 +173,14 @@ class SimNatHelper : public UloHelper::UloHelperNat {
    std::map<U32, VrfPolicerEntry> const& policers() const { return policers_; }
    // Entries taken by VRF translations and policers.
    std::size_t vrfOccupancy() const { return vrfEntries_.size() + policers_.size(); }
+   // Dynamic translations (SimNatHelperDynamic.cpp). They take entries of the
+   // same table and count against the same capacity, but are in force when
+   // their call returns: the engine never commits them in batches. A delete
+   // finds its entry by tuple alone, so a delete with empty addresses works.
+   using DynamicEntryMap = std::unordered_map<DynamicChipKey, DynamicChipEntry, DynamicChipKeyHash>;
+   DynamicEntryMap const& dynamicEntries() const { return dynamicEntries_; }
+   // Entries taken outside the static table, of every kind.
+   std::size_t sideOccupancy() const { return vrfOccupancy() + dynamicEntries_.size(); }
 
    // ---- traffic (sim/SimNatHelperCounters.cpp) ----
    // The chip counts the packets that hit each entry until the next poll
@@ -202,6 +235,10 @@ class SimNatHelper : public UloHelper::UloHelperNat {
       U64 vrfAdds = 0;
       U64 vrfDeletes = 0;
       U64 policerUpdates = 0;
+      // Dynamic translation calls of every kind, taken or refused; those
+      // refused for room.
+      U64 dynamicCalls = 0;
+      U64 dynamicRefused = 0;
    };
    Counts const& counts() const { return counts_; }
    // The order of the lifecycle calls, as words ("hwInit", "replayOn", ...),
@@ -309,6 +346,22 @@ class SimNatHelper : public UloHelper::UloHelperNat {
                                          bool forward, U16 natGroupId, Ulo::VrfId vrfId,
                                          bool dynamic) override;
 
+   bool addDynamicSrcIpTranslation(Lumet::ConnTuple const& flowKey, IpAndPort const& srcIpAndPort,
+                                   IpAndPort const& dstIpAndPort, IpAndPort const& newSrcIpAndPort, U16 vlan,
+                                   Ulo::VrfId vrfId) override;
+   bool addDynamicDstIpTranslation(Lumet::ConnTuple const& flowKey, IpAndPort const& srcIpAndPort,
+                                   IpAndPort const& dstIpAndPort, IpAndPort const& newDstIpAndPort,
+                                   NextHop nextHop, U16 vlan, bool forward, Ulo::VrfId vrfId) override;
+   bool updateDynamicDstIpTranslation(Lumet::ConnTuple const& flowKey, IpAndPort const& srcIpAndPort,
+                                      IpAndPort const& dstIpAndPort, IpAndPort const& newDstIpAndPort,
+                                      NextHop nextHop, U16 vlan, bool forward, Ulo::VrfId vrfId) override;
+   bool deleteDynamicSrcIpTranslation(Lumet::ConnTuple const& flowKey, IpAndPort const& srcIpAndPort,
+                                      IpAndPort const& dstIpAndPort, IpAndPort const& newSrcIpAndPort,
+                                      U16 vlan, Ulo::VrfId vrfId) override;
+   bool deleteDynamicDstIpTranslation(Lumet::ConnTuple const& flowKey, IpAndPort const& srcIpAndPort,
+                                      IpAndPort const& dstIpAndPort, IpAndPort const& newDstIpAndPort,
+                                      U16 vlan, bool forward, Ulo::VrfId vrfId) override;
+
  private:
    struct StagedOp {
       enum class Kind : U8 { put, erase } kind;
@@ -336,6 +389,7 @@ class SimNatHelper : public UloHelper::UloHelperNat {
                                    U16 natGroupId, Ulo::VrfId vrfId, bool isUpdate);
    // Puts one VRF translation on the chip (see addStaticVrfSrcIpTranslation).
    bool putVrf(VrfChipKey const& key, VrfChipEntry const& entry);
+   bool putDynamic(DynamicChipKey const& key, DynamicChipEntry const& entry, bool isUpdate);
    // Whether the chip has room for one more entry, after what is staged.
    bool roomForOne() const;
    void eraseAll(ChipEntryKey::Kind kind, U16 vlan, Ip::Nat::StaticKey const& staticKey,
@@ -362,6 +416,7 @@ class SimNatHelper : public UloHelper::UloHelperNat {
    std::map<ChipEntryKey, U64> pendingPackets_;
    std::map<std::pair<Lumet::ConnTuple, bool>, U64> dynamicPackets_;
    std::map<VrfChipKey, VrfChipEntry> vrfEntries_;
+   DynamicEntryMap dynamicEntries_;
    std::map<U32, VrfPolicerEntry> policers_;
    std::vector<StagedOp> staged_;
    // Whether each key touched by the stage is on the chip after the commit,

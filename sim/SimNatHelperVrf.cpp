@@ -14,7 +14,7 @@ std::string VrfChipKey::stringValue() const {
 }
 
 bool SimNatHelper::roomForOne() const {
-   std::size_t const occupancy = immediate_ ? entries_.size() + vrfOccupancy() : occupancyAfterStage();
+   std::size_t const occupancy = immediate_ ? entries_.size() + sideOccupancy() : occupancyAfterStage();
    return occupancy < capacity_;
 }
 
