@@ -60,7 +60,8 @@ TEST_F(NatVerifyTest, CorrectRunFindsNothingAndDisabledVerifyAsksNothing) {
 
    // A refused rule holds no reference and is not in hardware status:
    // nothing to find either.
-   sys().helper()->refuseNextIs(1);
+   // A full chip refuses it.
+   sys().helper()->capacityIs(sys().helper()->entries().size());
    sys().staticIs(eth1, rule("10.0.0.3", "192.0.2.3"));
    sys().runUntilIdle();
    ASSERT_EQ(sys().unprogrammedStaticCount(), 1u);
