@@ -70,17 +70,16 @@ struct ChipEntryKey {
    U16 group = 0;
    Lumet::ConnTuple match;
 
+   // The key of a twice half: forward matches (srcOld, dstOld) of the
+   // group's flow, reverse the flow's translated reply.
+   static ChipEntryKey twice(bool forward, Ulo::VrfId vrfId, U16 vlan, U16 group, Lumet::IpAndPort srcOld,
+                             Lumet::IpAndPort dstOld);
+
    bool operator<(ChipEntryKey const& o) const;
    bool operator==(ChipEntryKey const& o) const = default;
    std::string stringValue() const;
 };
 
-// One half of a VRF-to-VRF rule on the chip. Both halves are keyed by the
-// rule's inside VRF and untranslated address, so that adding a rule again
-// with another translated address or outside VRF replaces what the chip
-// held for it: the source half matches `oldAddr` in the inside VRF and
-// writes `newAddr` into the outside VRF, the destination half matches
-// `newAddr` in the outside VRF and writes `oldAddr` back.
 // One dynamic translation on the chip: the source or the destination half of
 // a connection, by tuple (a full-cone destination by NAT address only, shared
 // by every remote that reaches it).
@@ -105,6 +104,12 @@ struct DynamicChipEntry {
    bool operator==(DynamicChipEntry const& o) const = default;
 };
 
+// One half of a VRF-to-VRF rule on the chip. Both halves are keyed by the
+// rule's inside VRF and untranslated address, so that adding a rule again
+// with another translated address or outside VRF replaces what the chip
+// held for it: the source half matches `oldAddr` in the inside VRF and
+// writes `newAddr` into the outside VRF, the destination half matches
+// `newAddr` in the outside VRF and writes `oldAddr` back.
 struct VrfChipKey {
    enum class Kind : U8 { vrfSrc = 0, vrfDst = 1 };
    Kind kind = Kind::vrfSrc;

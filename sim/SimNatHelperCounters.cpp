@@ -9,17 +9,6 @@ namespace {
 
 Lumet::IpAddrWithFullMask const lowestFilter{};
 
-ChipEntryKey twiceHalf(bool forward, Ulo::VrfId vrfId, U16 vlan, U16 group, Lumet::IpAndPort srcOld,
-                       Lumet::IpAndPort dstOld) {
-   return ChipEntryKey{forward ? ChipEntryKey::Kind::twiceForward : ChipEntryKey::Kind::twiceReverse,
-                       vrfId,
-                       vlan,
-                       Ip::Nat::StaticKey(),
-                       Lumet::IpAddrWithFullMask(),
-                       group,
-                       Lumet::ConnTuple(srcOld, dstOld, 0)};
-}
-
 } // namespace
 
 bool SimNatHelper::staticTrafficIs(Ip::Nat::StaticKey const& key, Ulo::VrfId vrfId, U16 vlan, bool reply,
@@ -36,13 +25,13 @@ bool SimNatHelper::staticTrafficIs(Ip::Nat::StaticKey const& key, Ulo::VrfId vrf
 
 std::optional<ChipEntryKey> SimNatHelper::twiceHalfKey(bool forward, Ulo::VrfId vrfId, U16 vlan, U16 group,
                                                        Lumet::ConnTuple const& tuple) const {
-   ChipEntryKey const forwardKey = twiceHalf(true, vrfId, vlan, group, tuple.srcAddr(), tuple.dstAddr());
+   ChipEntryKey const forwardKey = ChipEntryKey::twice(true, vrfId, vlan, group, tuple.srcAddr(), tuple.dstAddr());
    auto it = entries_.find(forwardKey);
    if (it == entries_.end()) return std::nullopt;
    if (forward) return forwardKey;
    // The reverse half matches the forward half's translated destination as
    // its source and its translated source as its destination.
-   return twiceHalf(false, vrfId, vlan, group, it->second.dstNewIpAndPort, it->second.newIpAndPort);
+   return ChipEntryKey::twice(false, vrfId, vlan, group, it->second.dstNewIpAndPort, it->second.newIpAndPort);
 }
 
 bool SimNatHelper::twiceTrafficIs(Ulo::VrfId vrfId, U16 vlan, U16 group, Lumet::ConnTuple const& tuple,

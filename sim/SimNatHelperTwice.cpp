@@ -8,17 +8,6 @@ namespace Sim {
 
 namespace {
 
-ChipEntryKey twiceKey(bool forward, Ulo::VrfId vrfId, U16 vlan, U16 group, Lumet::IpAndPort srcOld,
-                      Lumet::IpAndPort dstOld) {
-   return ChipEntryKey{forward ? ChipEntryKey::Kind::twiceForward : ChipEntryKey::Kind::twiceReverse,
-                       vrfId,
-                       vlan,
-                       Ip::Nat::StaticKey(),
-                       Lumet::IpAddrWithFullMask(),
-                       group,
-                       Lumet::ConnTuple(srcOld, dstOld, 0)};
-}
-
 bool isTwice(ChipEntryKey const& key) {
    return key.kind == ChipEntryKey::Kind::twiceForward || key.kind == ChipEntryKey::Kind::twiceReverse;
 }
@@ -59,7 +48,7 @@ UloHelper::NatHwResult SimNatHelper::putTwice(IpAndPort srcIpAndPortOld, IpAndPo
                          dstIpAndPortNew,
                          multicastInfo ? multicastInfo->oifSet() : Ulo::NatMrouteOifSet()};
    bool const ok =
-      put(twiceKey(forward, vrfId, vlan, natGroupId, srcIpAndPortOld, dstIpAndPortOld), entry, isUpdate);
+      put(ChipEntryKey::twice(forward, vrfId, vlan, natGroupId, srcIpAndPortOld, dstIpAndPortOld), entry, isUpdate);
    return ok ? UloHelper::NatHwResult::success : UloHelper::NatHwResult::tableFull;
 }
 
@@ -68,7 +57,7 @@ bool SimNatHelper::delTwiceNatTranslation(IpAndPort srcIpAndPortOld, IpAndPort, 
                                           Ulo::VrfId vrfId) {
    ++counts_.twiceDeletes;
    ++counts_.deletes;
-   eraseOne(twiceKey(forward, vrfId, vlan, natGroupId, srcIpAndPortOld, dstIpAndPortOld));
+   eraseOne(ChipEntryKey::twice(forward, vrfId, vlan, natGroupId, srcIpAndPortOld, dstIpAndPortOld));
    return true;
 }
 
@@ -80,7 +69,7 @@ std::size_t SimNatHelper::twiceEntries() const {
 
 ChipEntry const* SimNatHelper::twiceEntry(bool forward, Ulo::VrfId vrfId, U16 vlan, U16 group,
                                           Lumet::IpAndPort srcOld, Lumet::IpAndPort dstOld) const {
-   auto it = entries_.find(twiceKey(forward, vrfId, vlan, group, srcOld, dstOld));
+   auto it = entries_.find(ChipEntryKey::twice(forward, vrfId, vlan, group, srcOld, dstOld));
    return it == entries_.end() ? nullptr : &it->second;
 }
 
@@ -99,6 +88,17 @@ std::size_t SimNatHelper::halfTwicePairs() const {
       if (!twiceEntry(!forward, key.vrfId, key.vlan, key.group, otherSrcOld, otherDstOld)) ++half;
    }
    return half;
+}
+
+ChipEntryKey ChipEntryKey::twice(bool forward, Ulo::VrfId vrfId, U16 vlan, U16 group, Lumet::IpAndPort srcOld,
+                                 Lumet::IpAndPort dstOld) {
+   return ChipEntryKey{forward ? Kind::twiceForward : Kind::twiceReverse,
+                       vrfId,
+                       vlan,
+                       Ip::Nat::StaticKey(),
+                       Lumet::IpAddrWithFullMask(),
+                       group,
+                       Lumet::ConnTuple(srcOld, dstOld, 0)};
 }
 
 } // namespace Sim
