@@ -36,6 +36,20 @@ if(TARGET ulonat-sim)
   ulonat_sim_case(invalid_literal 2 "invalid_literal.json: invalid JSON: parse error at line 1, column [0-9]+: syntax error"
                   ${sim_bad}/invalid_literal.json)
   set_tests_properties(ulonat-sim.invalid_literal PROPERTIES FAIL_REGULAR_EXPRESSION "json\\.exception")
+  # The asynchronous pipeline's events and expectations need its mode, and an
+  # agent that is up; a shadow root that holds what ulonat-sim did not put
+  # there is refused, and left as it was.
+  ulonat_sim_case(restart_in_direct_mode 2 "event #2 \\(restart\\), field 'event': 'restart' needs \"helper\""
+                  ${sim_bad}/restart_in_direct_mode.json)
+  ulonat_sim_case(expect_while_agent_down 2 "event #3 \\(expect\\), field 'event': 'expect' cannot run while the agent is down"
+                  ${sim_bad}/expect_while_agent_down.json)
+  ulonat_sim_case(agent_left_down 2 "the agent is still down at the end" ${sim_bad}/agent_left_down.json)
+  ulonat_sim_case(direct_expectation_in_async_mode 2 "field 'chipTwiceEntries': only the direct helper's chip"
+                  --helper async ${PROJECT_SOURCE_DIR}/tests/scenarios/twice_next_hop.json)
+  ulonat_sim_case(shadow_root_not_ours 2 "shadow root '.*tools/bad': not empty, and not made by ulonat-sim"
+                  --shadow-root ${sim_bad} ${PROJECT_SOURCE_DIR}/tests/scenarios/async_restart.json)
+  ulonat_sim_case(async_expectation_fails 1 "chip removals since the mark expected 1, got 0"
+                  ${sim_bad}/async_wrong_removals.json)
   ulonat_sim_case(version 0 "^ulonat-sim \\(libUloNat\\) [0-9]+\\.[0-9]+\\.[0-9]+" --version)
   ulonat_sim_case(help_lists_exit_codes 0 "Exit status: 0 .*1 .*2 " --help)
 

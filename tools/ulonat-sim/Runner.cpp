@@ -1,11 +1,22 @@
 #include "tools/ulonat-sim/Runner.h"
 
+#include "sim/SimAsyncViews.h"
+
 #include <iomanip>
+#include <optional>
 #include <sstream>
 
 namespace UloNatSim {
 
 namespace {
+
+// The chip behind whichever helper the system has.
+std::size_t chipEntries(Sim::SimSystem const& sys) {
+   return sys.async() ? sys.chip()->entries() : sys.helper()->entries().size();
+}
+std::size_t chipCapacity(Sim::SimSystem const& sys) {
+   return sys.async() ? sys.chip()->capacity() : sys.helper()->capacity();
+}
 
 std::string timeText(double t) {
    std::ostringstream os;
@@ -14,7 +25,7 @@ std::string timeText(double t) {
 }
 
 // Checks one expectation against the system; each miss is one failure line.
-void check(Sim::SimSystem const& sys, Event const& e, Report& report) {
+void check(Sim::SimSystem const& sys, Event const& e, AsyncRunState const& asyncState, Report& report) {
    Expectation const& x = e.expect;
    std::string const at = "at " + timeText(sys.now()) + " s, " + e.label + ": ";
    std::vector<std::string> misses;
@@ -31,10 +42,12 @@ void check(Sim::SimSystem const& sys, Event const& e, Report& report) {
    for (auto const& [intf, n] : x.unprogrammed) {
       expectEq("unprogrammed static entries of " + intf, n, sys.unprogrammedStaticCount(Lumet::IntfId(intf)));
    }
-   if (x.chipEntries) expectEq("chip entries", *x.chipEntries, sys.helper()->entries().size());
+   if (x.chipEntries) expectEq("chip entries", *x.chipEntries, chipEntries(sys));
    if (x.engines) expectEq("engines", *x.engines, sys.root()->natIntfStatusSms().size());
    for (auto const& [name, n] : x.logs) expectEq(name + " messages", n, sys.logs().count(name));
-   if (x.chipMatchesHwStatus) {
+   if (x.chipMatchesHwStatus && sys.async()) {
+      for (auto const& m : Sim::asyncChipMismatches(sys)) misses.push_back("chip against the configuration: " + m);
+   } else if (x.chipMatchesHwStatus) {
       expectEq("chip entries for what hardware status holds", sys.expectedChipEntries(),
                sys.helper()->entries().size());
    }
@@ -75,13 +88,16 @@ void check(Sim::SimSystem const& sys, Event const& e, Report& report) {
       }
       if (halves == 0) misses.push_back("no twice half of group " + std::to_string(x.twiceNextHop->group));
    }
-   auto const& counts = sys.helper()->counts();
-   std::map<std::string, std::size_t> const calls{
-      {"adds", counts.adds},           {"deletes", counts.deletes},
-      {"updates", counts.updates},     {"twiceAdds", counts.twiceAdds},
-      {"twiceDeletes", counts.twiceDeletes}, {"twiceUpdates", counts.twiceUpdates}};
-   for (auto const& [name, n] : x.helperCalls) expectEq("helper calls " + name, n, calls.at(name));
+   if (!x.helperCalls.empty()) {
+      auto const& counts = sys.helper()->counts();
+      std::map<std::string, std::size_t> const calls{
+         {"adds", counts.adds},           {"deletes", counts.deletes},
+         {"updates", counts.updates},     {"twiceAdds", counts.twiceAdds},
+         {"twiceDeletes", counts.twiceDeletes}, {"twiceUpdates", counts.twiceUpdates}};
+      for (auto const& [name, n] : x.helperCalls) expectEq("helper calls " + name, n, calls.at(name));
+   }
    checkVrf(sys, x.vrf, misses);
+   if (sys.async()) checkAsync(sys, x.async, asyncState, misses);
    if (misses.empty()) {
       report.passed.push_back(at + "ok");
    } else {
@@ -98,7 +114,14 @@ Vor::Ptr<Ip::Nat::HwIntfStatus> hwIntf(Sim::SimSystem const& sys, Lumet::IntfId 
 Report runScenario(Scenario const& scenario) {
    Report report;
    report.name = scenario.name;
-   Sim::SimSystem sys(scenario.options);
+   std::optional<ShadowRootDir> shadowRoot;
+   Sim::SimOptions options = scenario.options;
+   if (options.async) {
+      shadowRoot.emplace(options.shadowRoot);
+      options.shadowRoot = shadowRoot->path();
+   }
+   AsyncRunState asyncState;
+   Sim::SimSystem sys(options);
    if (!scenario.explicitStart) sys.start();
 
    // Events of one time happen together: the scheduler runs before the
@@ -153,12 +176,16 @@ Report runScenario(Scenario const& scenario) {
          sys.mrouteIs(e.route, e.oifs);
       } else if (e.kind == "mrouteDel") {
          sys.mrouteDel(e.route);
+      } else if (e.kind == "capacity" && sys.async()) {
+         sys.chip()->capacityIs(e.count);
       } else if (e.kind == "capacity") {
          sys.helper()->capacityIs(e.count);
       } else if (e.kind == "refuseNext") {
          sys.helper()->refuseNextIs(static_cast<Vor::U32>(e.count));
       } else if (e.kind == "failNextCommit") {
          sys.helper()->failNextCommitIs(static_cast<Vor::U32>(e.count));
+      } else if (runAsyncEvent(sys, e, asyncState)) {
+         // An event of the asynchronous pipeline.
       } else if (runVrfEvent(sys, e, "at " + timeText(sys.now()) + " s, ", report.failures)) {
          // A VRF NAT event.
       } else if (e.kind == "faultRefCount" || e.kind == "faultLeak") {
@@ -198,9 +225,9 @@ Report runScenario(Scenario const& scenario) {
          report.verifyRuns.push_back(std::move(run));
       } else if (e.kind == "expect") {
          sys.runUntilIdle();
-         check(sys, e, report);
+         check(sys, e, asyncState, report);
          report.timeline.push_back(Snapshot{sys.now(), sys.hwStaticCount(), sys.unprogrammedStaticCount(),
-                                            sys.helper()->entries().size(), sys.helper()->capacity(),
+                                            chipEntries(sys), chipCapacity(sys),
                                             sys.root()->natIntfStatusSms().size()});
       }
       if (lastOfItsTime) sys.runUntilIdle();
@@ -225,24 +252,29 @@ Report runScenario(Scenario const& scenario) {
    report.unprogrammedTwice = sys.unprogrammedTwiceCount();
    report.hwStatic = sys.hwStaticCount();
    report.unprogrammed = sys.unprogrammedStaticCount();
-   report.chipEntries = sys.helper()->entries().size();
-   report.chipCapacity = sys.helper()->capacity();
-   for (auto const& [key, entry] : sys.helper()->entries()) {
-      std::ostringstream os;
-      os << entry.oldIpAndPort.stringValue() << " -> " << entry.newIpAndPort.stringValue()
-         << " proto " << int(entry.protocol);
-      if (entry.dstNewIpAndPort.isSet()) {
-         os << " dst " << entry.dstOldIpAndPort.stringValue() << " -> " << entry.dstNewIpAndPort.stringValue();
+   report.chipEntries = chipEntries(sys);
+   report.chipCapacity = chipCapacity(sys);
+   if (sys.async()) {
+      for (auto const& [key, text] : Sim::asyncChipLines(sys)) report.chip.push_back(ChipLine{key, text});
+   } else {
+      for (auto const& [key, entry] : sys.helper()->entries()) {
+         std::ostringstream os;
+         os << entry.oldIpAndPort.stringValue() << " -> " << entry.newIpAndPort.stringValue()
+            << " proto " << int(entry.protocol);
+         if (entry.dstNewIpAndPort.isSet()) {
+            os << " dst " << entry.dstOldIpAndPort.stringValue() << " -> " << entry.dstNewIpAndPort.stringValue();
+         }
+         if (entry.nextHopId) os << " nexthop " << entry.nextHopId;
+         if (entry.multicast) os << " multicast";
+         if (entry.oifSet.oifs()) os << " oifs " << entry.oifSet.stringValue();
+         report.chip.push_back(ChipLine{key.stringValue(), os.str()});
       }
-      if (entry.nextHopId) os << " nexthop " << entry.nextHopId;
-      if (entry.multicast) os << " multicast";
-      if (entry.oifSet.oifs()) os << " oifs " << entry.oifSet.stringValue();
-      report.chip.push_back(ChipLine{key.stringValue(), os.str()});
    }
    for (auto const& m : sys.logs().messages()) {
       report.messages.push_back(MessageLine{m.time, m.name, m.severity, m.text});
    }
    report.vrf = vrfReportOf(sys);
+   report.async = asyncReportOf(sys, options.shadowRoot, asyncState);
    (void)hwIntf;
    return report;
 }
@@ -272,6 +304,7 @@ void printReport(std::ostream& os, Report const& r) {
    os << "Chip: " << r.chipEntries << " of " << r.chipCapacity << " entries\n";
    for (auto const& c : r.chip) os << "  " << c.key << ": " << c.translation << "\n";
    printVrfReport(os, r.vrf);
+   printAsyncReport(os, r.async);
    if (!r.verifyRuns.empty()) {
       os << "\nVerify:\n";
       for (auto const& v : r.verifyRuns) {
@@ -323,6 +356,7 @@ nlohmann::json reportJson(Report const& r) {
       j["verify"].push_back({{"time", v.time}, {"event", v.label}, {"findings", v.findings}});
    }
    j["vrf"] = vrfReportJson(r.vrf);
+   j["pipeline"] = asyncReportJson(r.async);
    j["expectations"] = {{"held", r.passed.size()}, {"failed", r.failures}};
    return j;
 }

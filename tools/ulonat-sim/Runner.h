@@ -62,6 +62,7 @@ struct Report {
    std::size_t unprogrammed = 0;
    std::vector<MessageLine> messages;
    VrfReport vrf;
+   AsyncReport async;
    std::vector<Snapshot> timeline;
    std::vector<VerifyRun> verifyRuns;
    // Each expectation that held, and each that did not, with its time.

@@ -105,7 +105,7 @@ std::map<std::string, std::size_t> countMap(Fields const& f, char const* field) 
    return out;
 }
 
-Expectation expectationOf(Fields const& f) {
+Expectation expectationOf(Fields const& f, Scenario const& s) {
    Expectation e;
    auto totalOrMap = [&](char const* field, std::optional<std::size_t>& total,
                          std::map<std::string, std::size_t>& perIntf) {
@@ -167,12 +167,13 @@ Expectation expectationOf(Fields const& f) {
       }
    }
    loadVrfExpectation(f, e.vrf);
+   loadAsyncExpectation(f, e.async, s);
    return e;
 }
 
 } // namespace
 
-Scenario loadScenario(std::string const& file, json const& doc) {
+Scenario loadScenario(std::string const& file, json const& doc, LoadOverrides const& overrides) {
    Scenario s;
    s.file = file;
    Fields const top(file, "scenario", doc);
@@ -203,8 +204,13 @@ Scenario loadScenario(std::string const& file, json const& doc) {
       if (helper.has("counterPollingInterval")) {
          s.options.counterPollingInterval = helper.number("counterPollingInterval", 0.0, 3600.0);
       }
+      loadHelperMode(helper, s, overrides);
       helper.noOthers();
+   } else {
+      json const none = json::object();
+      loadHelperMode(Fields(file, "helper", none), s, overrides);
    }
+   AsyncLoadState asyncState;
    json const& events = top.raw("events");
    if (!events.is_array()) top.fail("events", "must be a list of events");
    double last = 0.0;
@@ -228,6 +234,7 @@ Scenario loadScenario(std::string const& file, json const& doc) {
       Fields const f(file, e.label, item);
       f.used("event");
       e.at = f.has("at") ? f.number("at", 0.0, 1e9) : last;
+      checkEventForMode(f, e, s, asyncState);
       if (e.at < last) f.fail("at", "goes back in time (previous event at " + std::to_string(last) + ")");
       last = e.at;
       if (e.kind == "start") {
@@ -300,7 +307,7 @@ Scenario loadScenario(std::string const& file, json const& doc) {
       } else if (e.kind == "run") {
          // Only moves time to "at".
       } else if (e.kind == "expect") {
-         e.expect = expectationOf(f);
+         e.expect = expectationOf(f, s);
       } else if (e.kind == "verify") {
          e.findings = f.integer("findings", 0, 1000000, 0);
       } else if (e.kind == "faultRefCount") {
@@ -318,12 +325,15 @@ Scenario loadScenario(std::string const& file, json const& doc) {
          e.key = staticKeyOf(f);
       } else if (loadVrfEvent(f, e)) {
          // A VRF NAT event.
+      } else if (loadAsyncEvent(f, e, s, asyncState)) {
+         // An event of the asynchronous pipeline.
       } else {
          f.fail("event", "unknown event '" + e.kind + "'");
       }
       f.noOthers();
       s.events.push_back(std::move(e));
    }
+   checkAsyncEnd(top, asyncState);
    s.runUntil = top.has("runUntil") ? top.number("runUntil", last, 1e9) : last;
    top.noOthers();
    return s;
@@ -473,16 +483,16 @@ std::string readAll(std::string const& file) {
 
 } // namespace
 
-Scenario parseScenarioText(std::string const& file, std::string const& text) {
+Scenario parseScenarioText(std::string const& file, std::string const& text, LoadOverrides const& overrides) {
    JsonChecker checker(file, text);
    json::sax_parse(text, &checker);
    // The checker has refused everything the parser could throw for.
-   return loadScenario(file, json::parse(text));
+   return loadScenario(file, json::parse(text), overrides);
 }
 
-Scenario loadScenarioFile(std::string const& file) {
+Scenario loadScenarioFile(std::string const& file, LoadOverrides const& overrides) {
    if (file.empty()) throw ScenarioError{"the scenario file name is empty"};
-   return parseScenarioText(file == "-" ? "standard input" : file, readAll(file));
+   return parseScenarioText(file == "-" ? "standard input" : file, readAll(file), overrides);
 }
 
 } // namespace UloNatSim

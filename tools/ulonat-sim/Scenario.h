@@ -11,6 +11,7 @@
 #include <nlohmann/json.hpp>
 
 #include "sim/SimSystem.h"
+#include "tools/ulonat-sim/ScenarioAsync.h"
 #include "tools/ulonat-sim/ScenarioVrf.h"
 
 namespace UloNatSim {
@@ -53,6 +54,7 @@ struct Expectation {
    // "twiceDeletes", "updates", "twiceUpdates").
    std::map<std::string, std::size_t> helperCalls;
    VrfExpectation vrf;
+   AsyncExpectation async;
 };
 
 struct Event {
@@ -76,6 +78,7 @@ struct Event {
    Sim::SimMrouteSide::Route route;
    Ulo::NatMrouteOifSet oifs;
    VrfEventFields vrfFields;
+   AsyncEventFields asyncFields;
    Expectation expect;
    // verify: the number of findings the command must report (default 0).
    std::size_t findings = 0;
@@ -90,12 +93,13 @@ struct Scenario {
    bool explicitStart = false;
 };
 
-// Throws ScenarioError.
-Scenario loadScenario(std::string const& file, nlohmann::json const& json);
+// Throws ScenarioError. `overrides` are the command line's choices, which
+// win over the file's and are checked with it.
+Scenario loadScenario(std::string const& file, nlohmann::json const& json, LoadOverrides const& overrides = {});
 // `file` names the text in messages.
-Scenario parseScenarioText(std::string const& file, std::string const& text);
+Scenario parseScenarioText(std::string const& file, std::string const& text, LoadOverrides const& overrides = {});
 // "-" reads standard input; "" is refused rather than taken for no file.
-Scenario loadScenarioFile(std::string const& file);
+Scenario loadScenarioFile(std::string const& file, LoadOverrides const& overrides = {});
 // The scenario that runs when no file is given.
 Scenario builtInScenario();
 

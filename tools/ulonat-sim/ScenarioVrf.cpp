@@ -210,6 +210,8 @@ VrfReport vrfReportOf(Sim::SimSystem const& sys) {
                                         static_cast<bool>(sm->pendingVrfConfig())});
       }
    }
+   // The asynchronous helper answers VRF translations itself: no chip to show.
+   if (!sys.helper()) return r;
    for (auto const& [key, entry] : sys.helper()->vrfEntries()) {
       r.chip.push_back(key.stringValue() + " <-> " + entry.newAddr.stringValue() + " in VRF id " +
                        std::to_string(entry.outsideVrfId));

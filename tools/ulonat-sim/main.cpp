@@ -7,6 +7,9 @@
 //   ulonat-sim --trace 'UloNat*/8' ...   the library's traces on standard error
 //   ulonat-sim --summary ...     counts without the lists of chip entries
 //   ulonat-sim -                 the scenario from standard input
+//   ulonat-sim --helper async [--shadow-root DIR] scenario.json
+//                                through the asynchronous pipeline, whatever
+//                                the file says (see ScenarioAsync.h)
 //   ulonat-sim --agent ROOT --rules N [--from S --to T --report F --progress F]
 //                                the agent side of a run whose programmer is
 //                                `ulonat-programmer --root ROOT` (see Agent.h)
@@ -40,6 +43,15 @@ int main(int argc, char** argv) {
    app.footer("Exit status: 0 every expectation held; 1 an expectation failed;\n"
               "2 bad command line or scenario (nothing is run).\n"
               "Format of scenario files: docs/scenario-format.md.");
+   std::string helperMode;
+   std::string shadowRoot;
+   app.add_option("--helper", helperMode,
+                  "'direct' (the simulated chip behind the helper) or 'async' (the asynchronous pipeline: "
+                  "shadow, programmer, chip); overrides the file's \"helper\": {\"mode\"}")
+      ->check(CLI::IsMember({"direct", "async"}));
+   app.add_option("--shadow-root", shadowRoot,
+                  "async: the directory of the shadow's table files (made if missing; a directory of its own "
+                  "is made and removed without it)");
    UloNatSim::AgentOptions agent;
    app.add_option("--agent", agent.root, "run the agent side against ulonat-programmer on this table root");
    app.add_option("--rules", agent.rules, "--agent: rule slots")->check(CLI::Range(1, 1 << 22));
@@ -67,17 +79,28 @@ int main(int argc, char** argv) {
       return UloNatSim::runAgent(agent);
    }
 
+   UloNatSim::LoadOverrides overrides;
+   if (!helperMode.empty()) overrides.async = helperMode == "async";
+   if (!shadowRoot.empty()) overrides.shadowRoot = shadowRoot;
+   if (scenarioOption->count() == 0 && (overrides.async.value_or(false) || overrides.shadowRoot)) {
+      std::cerr << "ulonat-sim: --helper async and --shadow-root need a scenario file: the built-in scenario "
+                   "shows the direct helper's refusals (try tests/scenarios/async_restart.json)\n";
+      return 2;
+   }
+
    UloNatSim::Scenario scenario;
+   UloNatSim::Report report;
    try {
       // An empty name is refused, not taken for "no file": a script's unset
       // variable must not quietly play the built-in scenario.
       scenario = scenarioOption->count() == 0 ? UloNatSim::builtInScenario()
-                                              : UloNatSim::loadScenarioFile(file);
+                                              : UloNatSim::loadScenarioFile(file, overrides);
+      // The shadow's directory is checked before anything runs.
+      report = UloNatSim::runScenario(scenario);
    } catch (UloNatSim::ScenarioError const& e) {
       std::cerr << "ulonat-sim: " << e.text << "\n";
       return 2;
    }
-   UloNatSim::Report report = UloNatSim::runScenario(scenario);
    if (summary) {
       report.chip.clear();
       report.vrf.chip.clear();
