@@ -431,6 +431,17 @@ void NatAsyncHelper::doDeleteOrUpdateIpTranslation(NatHwKey const& key, U16 vlan
       return;
    }
    if (!vlanRefHas(key)) {
+      if (replay()) {
+         // Within the replay nothing has been issued for any key: the add
+         // that announced this one was a no-op, and so is its withdrawal
+         // (the engine withdraws a rule's earlier version when the replay
+         // delivers the rule again). The key leaves the cache so that the
+         // reconcile does not issue it; whatever the shadow still holds of
+         // it goes with the stale-key sweep.
+         VOR_TRACE(8, " no-op for " << key.stringValue());
+         cache_.erase(key);
+         return;
+      }
       // The cache entry stays: a later add of the key overwrites it.
       deleteSrcOrDstIpTranslations(key);
       return;

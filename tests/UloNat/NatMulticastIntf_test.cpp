@@ -168,6 +168,16 @@ TEST_F(NatMulticastIntfTest, DeferredRuleOnlyHasItsFlagSet) {
    EXPECT_FALSE(engine()->deferredStaticNatConnectionHw().entity(Ip::Nat::StaticKey(ipp("239.1.1.1"))));
    EXPECT_GT(sys().helper()->counts().updates, before.updates);
    EXPECT_GT(sys().helper()->stagedCount(), 0u);
+   for (auto const& e : dstEntries("239.1.1.1")) EXPECT_EQ(e.oifSet.oifs(), 0u) << "not committed yet";
+
+   // The next batch, whatever it carries, commits the staged update: the
+   // rule's outgoing interfaces then stand on the chip.
+   sys().staticIs(eth1, staticRule("10.0.0.9", "192.0.2.9", Ip::Nat::source_));
+   sys().runUntilIdle();
+   EXPECT_EQ(sys().helper()->stagedCount(), 0u);
+   auto const entries = dstEntries("239.1.1.1");
+   ASSERT_FALSE(entries.empty());
+   for (auto const& e : entries) EXPECT_EQ(e.oifSet, oifs({"Ethernet2"}));
 }
 
 TEST_F(NatMulticastIntfTest, RouteChangeBeforeHardwareIsUpOnlyUpdatesTheCache) {

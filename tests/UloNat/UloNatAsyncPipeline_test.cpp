@@ -10,6 +10,7 @@
 #include <random>
 #include <set>
 
+#include "sim/SimAsyncViews.h"
 #include "sim/SimSystem.h"
 
 namespace {
@@ -179,6 +180,72 @@ TEST_F(AsyncPipelineTest, TheRestartedAgentReprogramsOnlyWhatChangedWhileItWasAw
    EXPECT_FALSE(sys().chip()->connection(rmSrc));
    EXPECT_FALSE(sys().chip()->connection(rmDst));
    expectConsistent();
+}
+
+// Two interfaces on one VLAN deliver the same rule twice, and the second
+// delivery withdraws the first version's references before it adds. In the
+// replay nothing has been issued yet, so the withdrawal must not reach the
+// pipeline (it used to end the agent on "asyncHwConfigDir()->configHas( hwKey )").
+TEST_F(AsyncPipelineTest, AReplayThatMeetsARuleTwiceOnOneVlanKeepsItUntouched) {
+   build(0.2);
+   Lumet::IntfId const twin("Ethernet9");
+   sys().intfIs(twin, "default", twin.stringValue(), {{twin, vlan(0)}});
+   auto const conn = rule(0x0a000001, 0xc0000201, {0x01000000u, 0x02000000u}, vlan(0));
+   auto const other = rule(0x0a000002, 0xc0000202, {0x01000000u}, vlan(0));
+   sys().staticIs(intf(0), conn);
+   sys().staticIs(twin, conn);
+   sys().staticIs(twin, other);
+   settle();
+   ASSERT_EQ(sys().chip()->entries(), 6u);
+   auto const before = sys().chip()->counts();
+   sys().restart();
+   settle();
+   EXPECT_EQ(sys().chip()->counts(), before);
+   expectConsistent();
+
+   // While the agent is away the twin's rule goes: the replay announces the
+   // key once (from the first interface) and reprograms nothing.
+   sys().agentDown();
+   sys().staticDel(twin, conn.key());
+   sys().agentUp();
+   settle();
+   EXPECT_EQ(sys().chip()->counts(), before);
+   expectConsistent();
+}
+
+// Twice groups through the pipeline: each group a forward and a reverse key,
+// programmed as the shadow says, kept untouched across a restart, and a
+// group removed while the agent was away swept from the chip as a pair.
+TEST_F(AsyncPipelineTest, TwiceGroupsGoThroughThePipelineAndSurviveARestart) {
+   build(0.3);
+   auto twice = [](Vor::U16 group, Vor::U32 n) {
+      return Ip::Nat::NatTwiceConnection(group, ipp(0x0a000000u + n), ipp(0xc6336400u + n), ipp(0xc0000200u + n),
+                                         ipp(0xcb007100u + n), 0, vlan(0));
+   };
+   sys().twiceIs(intf(0), twice(5, 7));
+   sys().twiceIs(intf(0), twice(6, 8));
+   sys().staticIs(intf(0), rule(0x0a000001, 0xc0000201, {0x01000000u}, vlan(0)));
+   settle();
+   EXPECT_EQ(sys().hwTwiceCount(), 2u);
+   EXPECT_EQ(sys().chip()->entries(), 6u);
+   EXPECT_TRUE(sys().asyncSettled());
+   EXPECT_EQ(Sim::asyncChipMismatches(sys()), std::vector<std::string>());
+
+   auto const before = sys().chip()->counts();
+   sys().restart();
+   settle();
+   EXPECT_EQ(sys().chip()->counts(), before);
+   EXPECT_EQ(sys().hwTwiceCount(), 2u);
+
+   sys().agentDown();
+   sys().twiceDel(intf(0), 6);
+   sys().agentUp();
+   settle();
+   EXPECT_EQ(sys().chip()->counts().removals - before.removals, 2u);
+   EXPECT_EQ(sys().chip()->counts().writes, before.writes);
+   EXPECT_EQ(sys().chip()->entries(), 4u);
+   EXPECT_TRUE(sys().asyncSettled());
+   EXPECT_EQ(Sim::asyncChipMismatches(sys()), std::vector<std::string>());
 }
 
 TEST_F(AsyncPipelineTest, AProgrammerRestartRunsWhatArrivedWhileItWasStopped) {
