@@ -159,6 +159,9 @@ TEST_F(NatMulticastIntfTest, DeferredRuleOnlyHasItsFlagSet) {
    sys().staticIs(eth1, staticRule("239.1.1.1", "239.2.2.2", Ip::Nat::destination));
    ASSERT_TRUE(engine()->deferredStaticNatConnectionHw().entity(Ip::Nat::StaticKey(ipp("239.1.1.1"))));
    auto const before = sys().helper()->counts();
+   // The routing side knows the route, so that it keeps the answer written
+   // here when it next looks (it withdraws answers no route backs).
+   sys().mrouteIs(Sim::SimMrouteSide::Route{10, Lumet::IpAddr(), ip("239.1.1.1")}, oifs({"Ethernet2"}));
    sys().mrouteResponseMap()->mrouteRespIs(route("0.0.0.0", "239.1.1.1"), oifs({"Ethernet2"}));
    EXPECT_EQ(sys().helper()->counts().updates, before.updates);
    EXPECT_TRUE(engine()->deferredStaticNatConnectionHw().entity(Ip::Nat::StaticKey(ipp("239.1.1.1")))->updateMulticast());
