@@ -48,8 +48,7 @@ NatIntfStatusSm::NatIntfStatusSm(
    intfStatus_.attach(intfStatus);
    cleanupInProgress_ = false;
    connectionInitInProgress_ = true;
-   // The trap-rule member reactors are made here once trap rules are handled
-   // by the engine.
+   // attach() above made a reactor for each trap rule already configured.
 }
 
 NatIntfStatusSm::~NatIntfStatusSm() {
@@ -126,13 +125,6 @@ void NatIntfStatusSm::handleInitialized() {
    if (hwCapabilities_->dynamicNatSupported()) handleDynamicConnection();
    handleTwiceNatConnection();
    connectionInitInProgress_ = false;
-}
-
-// ---- walks whose keyed handlers come with the other kinds of rule ----
-
-void NatIntfStatusSm::handleTrapRule() {
-   // Walks intfStatus's trapRule once trap rules are handled by the engine
-   // (handleTrapRule(key)).
 }
 
 // ---- profiles and VLANs ----

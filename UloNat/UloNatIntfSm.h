@@ -288,7 +288,43 @@ class NatIntfStatusSm : public UloBaseSm {
    // nothing and never raises the table-full state.
    void addUnprogrammedDynamicTwiceEntry(Lumet::ConnTuple const& tuple);
    void checkUnprogrammedDynamicEntry(Lumet::ConnTuple const& tuple);
+   // Completes half a twice rule (group) from a dynamic twice connection:
+   // the dynamic side supplies the half the rule leaves open. True only when
+   // the hardware took the entry. A rule that fixes the side the connection
+   // claims, names another address or port, or another protocol, or whose
+   // group already holds the same pair for the other of TCP and UDP,
+   // refuses it and touches nothing.
+   // REQUIRES: "dynConn.twiceNat()", and "hwIntfStatus" once the rule fits.
+   bool handleDynamicTwiceConnection(Ip::Nat::DynamicConnectionKey const& key, Vor::U16 group,
+                                     Ip::Nat::DynamicConnection const& dynConn);
+
+   // ---- trap rules (UloNat/UloNatIntfSmTrap.cpp) ----
+   // A dynamic rule makes the chip send the first packets of matching flows
+   // to the CPU. One reactor per rule of intfStatus()->trapRule watches the
+   // rule's `initialized`, since a rule is filled in after it appears.
+   //
+   // Walks every rule of the interface.
    void handleTrapRule();
+   // Programs the rule when it is configured, initialized and hardware is
+   // up, takes it out otherwise; then commits the address-only ACL slices
+   // and, only if they went in, the trap ACLs. A refusal or a failed commit
+   // (of a removal too) leaves the key in the unprogrammed set for review.
+   // An uninitialized rule makes no helper call at all.
+   // On a profile interface of a chip without profile support the rule goes
+   // on the VLAN that the interface's configuration key names, REQUIRES
+   // "configKey.pos( \"profile_Vlan\" ) != Vor::String::npos" and "vlanId()".
+   void handleTrapRule(Ip::Nat::DynamicKey const& key);
+   // The rules' reactors: trapRuleIs makes the reactor of the rule's key or
+   // re-points it at a replaced rule (a null rule throws the framework's
+   // null-argument error); trapRuleDel and trapRuleDelAll drop them.
+   void trapRuleIs(Ptr<Ip::Nat::NatDynamicTrapRule const> const& rule);
+   void trapRuleDel(Ip::Nat::DynamicKey const& key);
+   void trapRuleDelAll();
+   std::size_t trapRules() const { return trapRule_.size(); }
+   bool trapRuleHas(Ip::Nat::DynamicKey const& key) const { return trapRule_.find(key) != nullptr; }
+   // Takes whatever of the rule is on the chip out, then remembers the key.
+   void addUnprogrammedTrapAcl(Ip::Nat::DynamicKey const& key);
+   void checkUnprogrammedTrapAcl(Ip::Nat::DynamicKey const& key);
 
    // ---- twice NAT connections ----
    // Each entry of a group is two translations, forward and reverse, which
@@ -479,8 +515,15 @@ class NatIntfStatusSm : public UloBaseSm {
    Vor::U16 dynamicVlan(Ip::Nat::DynamicConnectionKey const& key) const;
 
    // Scalars and collaborators, in declared order.
-   // The interface's configuration. Trap rules get their binding with the
-   // capability that handles them.
+   // One reactor per trap rule (VorTrapRule), declared before the reactor of
+   // the configuration, which names it.
+   Vor::WatchMembers<Ip::Nat::DynamicKey, Ip::Nat::NatDynamicTrapRule, NatIntfStatusSm,
+                     Vor::OnScalar<Ip::Nat::NatDynamicTrapRule::initializedId,
+                                   static_cast<void (NatIntfStatusSm::*)(Ip::Nat::DynamicKey const&)>(
+                                      &NatIntfStatusSm::handleTrapRule)>>
+      trapRule_{this};
+   // The interface's configuration. A trap rule's change runs its handler
+   // first, then makes, re-points or drops the rule's reactor.
    Vor::Watch<Ip::Nat::IntfStatus, NatIntfStatusSm,
               Vor::OnKey<Ip::Nat::IntfStatus::validIntfId,
                          static_cast<void (NatIntfStatusSm::*)(Lumet::IntfId const&)>(
@@ -490,7 +533,11 @@ class NatIntfStatusSm : public UloBaseSm {
                             &NatIntfStatusSm::handleStaticConnection)>,
               Vor::OnKey<Ip::Nat::IntfStatus::twiceNatConnectionId,
                          static_cast<void (NatIntfStatusSm::*)(Vor::U16)>(
-                            &NatIntfStatusSm::handleTwiceNatConnection)>>
+                            &NatIntfStatusSm::handleTwiceNatConnection)>,
+              Vor::OnMembers<Ip::Nat::IntfStatus::trapRuleId,
+                             static_cast<void (NatIntfStatusSm::*)(Ip::Nat::DynamicKey const&)>(
+                                &NatIntfStatusSm::handleTrapRule),
+                             &NatIntfStatusSm::trapRule_, Vor::collection(&Ip::Nat::IntfStatus::trapRule)>>
       intfStatus_{this};
    Ptr<Ip::Nat::Status const> status_;
    Ptr<Ip::Nat::HwStatus> hwStatus_;

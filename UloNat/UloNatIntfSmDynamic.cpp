@@ -104,10 +104,9 @@ void NatIntfStatusSm::handleDynamicConnection(Ip::Nat::DynamicConnectionKey cons
       }
       VOR_TRACE(7, "Dynamic twice entry, connMark; " << conn.connMark() << ", group: " << group);
       dynamicTwice_[tuple] = group;
-      // Completing a half-configured twice group from a dynamic connection
-      // needs the twice-NAT path of the engine; until it is there no group
-      // takes the connection, and the tuple waits in the unprogrammed set
-      // for the review.
+      if (group != 0 && handleDynamicTwiceConnection(key, group, conn)) return;
+      // No group took it (yet): the tuple waits in the unprogrammed set for
+      // the review, which brings it back here.
       addUnprogrammedDynamicTwiceEntry(tuple);
       return;
    }
@@ -122,10 +121,83 @@ void NatIntfStatusSm::handleDynamicConnection(Ip::Nat::DynamicConnectionKey cons
       }
       return;
    }
-   // A twice dynamic connection never reaches hardware before the twice path
-   // takes it, so there is no hardware state to remove here yet.
+   // Twice dynamic connections never use the backlog. Only an entry of a
+   // dynamic group is this connection's to remove: a static group's entry of
+   // the same tuple belongs to its rule.
+   Vor::U16 const group = twice->second;
+   if (group != 0) {
+      auto const hw = hwIntfStatus();
+      auto const record = hw ? hw->twiceNatConnectionHw(group) : nullptr;
+      if (record && record->dynamic()) deleteTwiceNatConnection(group, tuple);
+   }
    checkUnprogrammedDynamicEntry(tuple);
    dynamicTwice_.erase(tuple);
+}
+
+bool NatIntfStatusSm::handleDynamicTwiceConnection(Ip::Nat::DynamicConnectionKey const& key, Vor::U16 group,
+                                                   Ip::Nat::DynamicConnection const& dynConn) {
+   uloAssert(dynConn.twiceNat());
+   ConnTuple const tuple = key.connTuple();
+   auto const is = intfStatus();
+   if (!is || !is->twiceNatConnectionHas(group)) {
+      VOR_TRACE(7, "No twice NAT entry configured");
+      return false;
+   }
+   Ip::Nat::NatTwiceConnection const rule = is->twiceNatConnection(group);
+   if (rule.protocol() != 0 && rule.protocol() != tuple.protocol()) {
+      VOR_TRACE(7, "Protocol mismatch: twice: " << int(rule.protocol()) << ", dynamic: " << int(tuple.protocol()));
+      return false;
+   }
+   IpAndPort srcNew;
+   IpAndPort dstNew;
+   if (dynConn.target() == Ip::Nat::destination) {
+      // The dynamic side supplies the destination, so the rule must leave it
+      // open; a fixed destination in the rule beats the dynamic claim.
+      if (rule.dstOld().isSet()) {
+         VOR_TRACE(7, "Found destination static entry with destination dynamic entry");
+         return false;
+      }
+      if (!(rule.srcOld().ip() == tuple.srcAddr().ip())) {
+         VOR_TRACE(7, "Mismatch between src addresses. Twice src: " << rule.srcOld().stringValue()
+                                                                    << ", dynamic: " << tuple.stringValue());
+         return false;
+      }
+      if (rule.srcOld().port() != 0 && rule.srcOld().port() != tuple.srcAddr().port()) {
+         VOR_TRACE(7, "Mismatch between src ports. Twice src: " << rule.srcOld().stringValue()
+                                                                << ", dynamic: " << tuple.stringValue());
+         return false;
+      }
+      srcNew = rule.srcNew();
+      dstNew = dynConn.globalAddress();
+   } else {
+      if (rule.srcOld().isSet()) {
+         VOR_TRACE(7, "Found source static entry with source dynamic entry");
+         return false;
+      }
+      if (!(rule.dstOld().ip() == tuple.dstAddr().ip())) {
+         VOR_TRACE(7, "Mismatch between dst addresses. Twice dst: " << rule.dstOld().stringValue()
+                                                                    << ", dynamic: " << tuple.stringValue());
+         return false;
+      }
+      if (rule.dstOld().port() != 0 && rule.dstOld().port() != tuple.dstAddr().port()) {
+         VOR_TRACE(7, "Mismatch between dst ports. Twice dst: " << rule.dstOld().stringValue()
+                                                                << ", dynamic: " << tuple.stringValue());
+         return false;
+      }
+      srcNew = dynConn.globalAddress();
+      dstNew = rule.dstNew();
+   }
+   auto const hwIntfStatus = this->hwIntfStatus();
+   uloAssert(hwIntfStatus);
+   if (auto const record = hwIntfStatus->twiceNatConnectionHw(group)) {
+      // A pair of addresses serves TCP or UDP in a group, not both.
+      Vor::U8 const other = tuple.protocol() == tcpProtocol ? udpProtocol : tcpProtocol;
+      if (record->entryHas(ConnTuple(tuple.srcAddr(), tuple.dstAddr(), other))) {
+         VOR_TRACE(7, "Found existing twice nat entry with same key");
+         return false;
+      }
+   }
+   return addTwiceNatConnection(group, tuple, Ip::Nat::HwNatTwiceAddr(srcNew, dstNew));
 }
 
 void NatIntfStatusSm::handleAddDynamicConnection(Ip::Nat::DynamicConnectionKey const& key,
@@ -468,11 +540,9 @@ void NatIntfStatusSm::reviewDynamicConnection(Ip::Nat::DynamicConnectionKey cons
    // A pending event of the tuple will settle it; the review leaves it be.
    if (deferredDynamicNat_.has(tuple)) return;
    if (dynamicTwice_.count(tuple)) {
-      // Waits for a twice rule to take it.
-      if (!dynamicConnectionStatus_->dynamicConnection(key).present) {
-         dynamicTwice_.erase(tuple);
-         checkUnprogrammedDynamicEntry(tuple);
-      }
+      // Waits for a twice rule to take it: the keyed handler tries the
+      // group again, or forgets the tuple once its connection is gone.
+      handleDynamicConnection(key);
       return;
    }
    auto const lookup = dynamicConnectionStatus_->dynamicConnection(key);

@@ -102,6 +102,20 @@ void NatIntfStatusSm::handleVerify() {
          if (!addr.isMulticast()) count(addr);
       }
    }
+   // The entries that dynamic connections completed hold references of
+   // their own (their tuples are not the rule's configured one). While a
+   // commit is pending hardware status lags, as above.
+   if (!pendingCommit_) {
+      if (auto const hwIntf = hwIntfStatus()) {
+         for (auto const& [tuple, group] : dynamicTwice_) {
+            auto const record = hwIntf->twiceNatConnectionHw(group);
+            if (!record || !record->dynamic() || !record->entryHas(tuple)) continue;
+            if (TwiceNatWatchedAddr const* watched = twiceWatchedAddr_.keyWatchedAddr(TwiceNatKey(group, tuple))) {
+               for (auto const& addr : watchedAddrs(*watched)) count(addr);
+            }
+         }
+      }
+   }
 
    // Only this interface's count of each address is compared: other
    // interfaces of the VRF keep theirs in the same records.

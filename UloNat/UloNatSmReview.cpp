@@ -22,6 +22,15 @@ std::vector<Lumet::ConnTuple> unprogrammedDynamicTuples(NatUnprogrammedEntries c
    return out;
 }
 
+// A copy, for the same reason.
+std::vector<Ip::Nat::DynamicKey> unprogrammedTrapAcls(NatUnprogrammedEntries const& ue) {
+   std::vector<Ip::Nat::DynamicKey> out;
+   for (auto it = ue.trapAcls().begin(); it; ++it) {
+      if (it.isLive()) out.push_back(it.key());
+   }
+   return out;
+}
+
 } // namespace
 
 // ---- next hops ----
@@ -124,8 +133,13 @@ void NatSm::reviewUnprogrammedEntries(NatType const& type) {
          }
          break;
       case NatType::trapAclNat:
-         // Retried by the engine's dynamic-NAT and trap-rule handlers, which
-         // come with those capabilities; nothing records such entries yet.
+         // The handler programs a configured rule, and removes (and so
+         // forgets) one that has left the configuration.
+         for (auto const& key : unprogrammedTrapAcls(*ue)) {
+            engine->handleTrapRule(key);
+            ++reviewed;
+            if (self->taskShouldYield()) break;
+         }
          break;
       }
    }

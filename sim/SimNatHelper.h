@@ -44,7 +44,9 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
+#include <tuple>
 #include <unordered_map>
 #include <vector>
 
@@ -151,6 +153,42 @@ struct ChipEntry {
    bool operator==(ChipEntry const& o) const = default;
 };
 
+// One entry of an ACL on the chip: a match of addresses and of port values
+// under masks (a port range becomes several entries, one per value-and-mask
+// pair), with what the rule does with the match.
+struct TrapChipEntry {
+   enum class Kind : U8 { trapAll = 0, trap = 1, protocol = 2, service = 3, addrOnly = 4, addrOnlyDenyAll = 5 };
+   Kind kind = Kind::trap;
+   U32 ruleId = 0;
+   U32 seqNum = 0;
+   U8 proto = 0;
+   Lumet::IpAddrWithFullMask src;
+   Lumet::IpAddrWithFullMask dst;
+   U16 srcPort = 0;
+   U16 srcPortMask = 0;
+   U16 dstPort = 0;
+   U16 dstPortMask = 0;
+   bool deny = false;
+
+   auto tie() const {
+      return std::tie(kind, ruleId, seqNum, proto, src, dst, srcPort, srcPortMask, dstPort, dstPortMask, deny);
+   }
+   bool operator<(TrapChipEntry const& o) const { return tie() < o.tie(); }
+   bool operator==(TrapChipEntry const& o) const { return tie() == o.tie(); }
+   // "protocol rule 3 seq 1 proto 6 10.0.0.0/8:0/0x0 > 0.0.0.0/0:1024/0xfc00 trap"
+   std::string stringValue() const;
+};
+
+// An ACL's place on the chip: the trap ACL of (VLAN, name) holds the trap
+// rules, its address-only slice the address-only and deny-all rules.
+struct TrapAclKey {
+   U32 vlanId = 0;
+   std::string aclName;
+   bool slice = false;
+   auto operator<=>(TrapAclKey const& o) const = default;
+   std::string stringValue() const;
+};
+
 class SimNatHelper : public UloHelper::UloHelperNat {
  public:
    // capacity: entries the chip's table holds. immediate: the commit mode.
@@ -184,8 +222,21 @@ class SimNatHelper : public UloHelper::UloHelperNat {
    // finds its entry by tuple alone, so a delete with empty addresses works.
    using DynamicEntryMap = std::unordered_map<DynamicChipKey, DynamicChipEntry, DynamicChipKeyHash>;
    DynamicEntryMap const& dynamicEntries() const { return dynamicEntries_; }
+   // Trap ACLs (sim/SimNatHelperTrap.cpp): each value-and-mask entry takes
+   // one entry of the same table; an entry an ACL already holds takes no
+   // more room. Adds are on the chip when they return and are refused when
+   // the chip is full or a refusal is armed; the two commits answer true
+   // unless a failure is armed for them. Deleting an ACL removes all its
+   // entries, and an ACL without entries is gone.
+   std::map<TrapAclKey, std::set<TrapChipEntry>> const& trapAcls() const { return trapAcls_; }
+   std::size_t trapEntryCount() const { return trapEntryCount_; }
+   // Entries of the trap ACL (or its slice) of (vlan, aclName).
+   std::set<TrapChipEntry> const* trapAcl(U32 vlanId, std::string const& aclName, bool slice = false) const;
+   // The next n commits of the address-only slices (trap ACLs) fail.
+   void failNextSliceCommitIs(U32 n) { failNextSliceCommit_ = n; }
+   void failNextTrapCommitIs(U32 n) { failNextTrapCommit_ = n; }
    // Entries taken outside the static table, of every kind.
-   std::size_t sideOccupancy() const { return vrfOccupancy() + dynamicEntries_.size(); }
+   std::size_t sideOccupancy() const { return vrfOccupancy() + dynamicEntries_.size() + trapEntryCount_; }
 
    // ---- traffic (sim/SimNatHelperCounters.cpp) ----
    // The chip counts the packets that hit each entry until the next poll
@@ -244,6 +295,15 @@ class SimNatHelper : public UloHelper::UloHelperNat {
       // refused for room.
       U64 dynamicCalls = 0;
       U64 dynamicRefused = 0;
+      // Trap ACL entries asked for (whatever the outcome) and refused for
+      // room or by an armed refusal; ACL deletions; commits of each kind,
+      // and those that failed.
+      U64 trapAdds = 0;
+      U64 trapRefused = 0;
+      U64 trapDeletes = 0;
+      U64 sliceCommits = 0;
+      U64 trapCommits = 0;
+      U64 failedTrapCommits = 0;
    };
    Counts const& counts() const { return counts_; }
    // The order of the lifecycle calls, as words ("hwInit", "replayOn", ...),
@@ -367,6 +427,31 @@ class SimNatHelper : public UloHelper::UloHelperNat {
                                       IpAndPort const& dstIpAndPort, IpAndPort const& newDstIpAndPort,
                                       U16 vlan, bool forward, Ulo::VrfId vrfId) override;
 
+   // Trap rules: each call puts one entry into the ACL of its kind; the base
+   // class's addTrapRules expands a rule's filters into these calls.
+   bool addTrapAllRule(U32 vlanId, Vor::String aclName, U32 ruleId, bool addrOnly, bool fullCone, U16 group,
+                       U32 poolId, Ip::Nat::NatTarget target) override;
+   bool addTrapRule(U32 vlanId, Vor::String aclName, U32 ruleId, U32 seqNum,
+                    IpAddrWithFullMask const& srcIpAndMask, IpAddrWithFullMask const& dstIpAndMask,
+                    bool filterFlag, bool deny, bool addrOnly, bool fullCone, U16 group, U32 poolId,
+                    Ip::Nat::NatTarget target) override;
+   bool addProtocolTrapRule(U32 vlanId, Vor::String aclName, U32 ruleId, U32 seqNum, U8 proto,
+                            IpAddrWithFullMask const& srcIpAndMask, IpAddrWithFullMask const& dstIpAndMask,
+                            U16 srcPort, U16 srcPortMask, U16 dstPort, U16 dstPortMask, bool filterFlag,
+                            bool deny, bool addrOnly, bool fullCone, U16 group, U32 poolId,
+                            Ip::Nat::NatTarget target) override;
+   bool addServiceTrapRule(U32 vlanId, Vor::String aclName, U32 ruleId, IpAddrWithFullMask const& srcIpAndMask,
+                           U16 srcPort, IpAddrWithFullMask const& dstIpAndMask, U16 dstPort, bool filterFlag,
+                           bool deny, Ip::Nat::NatTarget target) override;
+   bool addAddrOnlyAclRule(U32 vlanId, Vor::String aclName, U32 ruleId, IpAddrWithFullMask const& srcIpAndMask,
+                           IpAddrWithFullMask const& dstIpAndMask, bool filterFlag,
+                           Ip::Nat::NatTarget target) override;
+   bool addAddrOnlyDenyAllAcl(U32 vlanId, Vor::String aclName, U32 ruleId, Ip::Nat::NatTarget target) override;
+   bool delAddrOnlyAclSliceRule(U32 vlanId, Vor::String aclName) override;
+   bool delTrapRule(U32 vlanId, Ip::Nat::DynamicKey const& key) override;
+   bool commitAddrOnlyAclSliceRules() override;
+   bool commitTrapRules() override;
+
  private:
    struct StagedOp {
       enum class Kind : U8 { put, erase } kind;
@@ -395,6 +480,8 @@ class SimNatHelper : public UloHelper::UloHelperNat {
    // Puts one VRF translation on the chip (see addStaticVrfSrcIpTranslation).
    bool putVrf(VrfChipKey const& key, VrfChipEntry const& entry);
    bool putDynamic(DynamicChipKey const& key, DynamicChipEntry const& entry, bool isUpdate);
+   bool putTrap(TrapAclKey const& key, TrapChipEntry const& entry);
+   void eraseAcl(TrapAclKey const& key);
    // Whether the chip has room for one more entry, after what is staged.
    bool roomForOne() const;
    void eraseAll(ChipEntryKey::Kind kind, U16 vlan, Ip::Nat::StaticKey const& staticKey,
@@ -422,6 +509,10 @@ class SimNatHelper : public UloHelper::UloHelperNat {
    std::map<std::pair<Lumet::ConnTuple, bool>, U64> dynamicPackets_;
    std::map<VrfChipKey, VrfChipEntry> vrfEntries_;
    DynamicEntryMap dynamicEntries_;
+   std::map<TrapAclKey, std::set<TrapChipEntry>> trapAcls_;
+   std::size_t trapEntryCount_ = 0;
+   U32 failNextSliceCommit_ = 0;
+   U32 failNextTrapCommit_ = 0;
    std::map<U32, VrfPolicerEntry> policers_;
    std::vector<StagedOp> staged_;
    // Whether each key touched by the stage is on the chip after the commit,

@@ -114,6 +114,32 @@ class SimSystem {
    void mrouteIs(SimMrouteSide::Route const& route, Ulo::NatMrouteOifSet const& oifs);
    void mrouteDel(SimMrouteSide::Route const& route);
 
+   // ---- trap rules (sim/SimSystemTrap.cpp) ----
+   // A dynamic rule's trap as its writer fills it in.
+   struct TrapRuleSpec {
+      Vor::U16 vlanId = 0;
+      Vor::U32 ruleId = 0;
+      Vor::U32 poolId = 0;
+      bool trapAll = false;
+      bool denyAll = false;
+      bool fullCone = false;
+      bool addrOnly = false;
+      Ip::Nat::NatTarget target = Ip::Nat::NatTarget::source_;
+      std::vector<Ip::Nat::NatTrapFilter> filters;
+   };
+   // Writes the rule of `key` on an interface: a rule already there is
+   // removed first (a replaced rule is a new entity), then the new one is
+   // made, filled and, unless `initialized` is false, marked initialized
+   // last, as a writer does.
+   void trapRuleIs(Lumet::IntfId const& intf, Ip::Nat::DynamicKey const& key, TrapRuleSpec const& spec,
+                   bool initialized = true);
+   // Marks an existing rule initialized; false when there is none.
+   bool trapRuleInitializedIs(Lumet::IntfId const& intf, Ip::Nat::DynamicKey const& key);
+   void trapRuleDel(Lumet::IntfId const& intf, Ip::Nat::DynamicKey const& key);
+   // Unprogrammed trap ACLs of an interface / of all.
+   std::size_t unprogrammedTrapAclCount(Lumet::IntfId const& intf) const;
+   std::size_t unprogrammedTrapAclCount() const;
+
    // ---- NAT VRFs (sim/SimSystemVrf.cpp) ----
    // A NAT VRF of the configuration, made empty if absent.
    void natVrfIs(L3::VrfName const& vrf);

@@ -3,7 +3,13 @@
 // time, refusal and review paced by the review's timer, watched-address
 // references across re-adds, and duplicates across interfaces.
 
+#include <algorithm>
+#include <cstdlib>
+#include <iostream>
+#include <map>
 #include <optional>
+#include <random>
+#include <string>
 
 #include <gtest/gtest.h>
 
@@ -63,6 +69,11 @@ class DynamicTest : public ::testing::Test {
       auto info = vrf ? vrf->ipAddrIntfInfo(ip(addr)) : Ptr<Ulo::NatIntfInfo>();
       return info ? info->intf(intf) : 0;
    }
+   // A route request is written only on a chip whose destination
+   // translations need next hops (destinationNatNextHopNeeded).
+   bool routeRequested(char const* addr) {
+      return sys().nhMapConfig()->routeResolverRequestHas(Ulo::VrfAndIpAddr(0, ip(addr)));
+   }
    std::size_t unprogrammed() {
       auto ue = sys().root()->natSmStatus()->unprogrammedEntries(eth1);
       return ue ? ue->dynamicEntries().size() : 0;
@@ -71,7 +82,9 @@ class DynamicTest : public ::testing::Test {
 };
 
 TEST_F(DynamicTest, AddAndDeleteGoThroughTheBacklogAndLeaveNoResidue) {
-   start();
+   SimOptions options;
+   options.destinationNatNextHopNeeded = true;
+   start(options);
    auto const t = tuple("10.0.0.1:1000", "198.51.100.1:80");
    add(eth1, t, "192.0.2.1:2000");
    // The handler only records the event; the chip is untouched until the
@@ -86,6 +99,7 @@ TEST_F(DynamicTest, AddAndDeleteGoThroughTheBacklogAndLeaveNoResidue) {
    EXPECT_EQ(chip.at(Sim::DynamicChipKey{false, 0, t}).newIpAndPort, ipp("192.0.2.1:2000"));
    EXPECT_EQ(chip.at(Sim::DynamicChipKey{true, 0, t}).newIpAndPort, ipp("10.0.0.1:1000"));
    EXPECT_EQ(refs("10.0.0.1"), 1u);
+   EXPECT_TRUE(routeRequested("10.0.0.1"));
 
    // A second add of the live tuple (its NAT port changed) replaces the
    // entry and still holds one reference to its address.
@@ -102,6 +116,7 @@ TEST_F(DynamicTest, AddAndDeleteGoThroughTheBacklogAndLeaveNoResidue) {
    EXPECT_FALSE(inHw(eth1, t));
    EXPECT_EQ(chip.size(), 0u);
    EXPECT_EQ(refs("10.0.0.1"), 0u);
+   EXPECT_FALSE(routeRequested("10.0.0.1"));
    EXPECT_TRUE(engine()->dynamicWatchedAddr().keyWatchedAddr().empty());
 }
 
@@ -235,6 +250,242 @@ TEST_F(DynamicTest, SameFlowOnTwoInterfacesKeepsOnlyTheNewcomer) {
    auto vrf = sys().root()->natSmStatus()->natSmStatusVrf(0);
    EXPECT_EQ(vrf->dynamicFwdHwEntries().size(), 0u);
    EXPECT_EQ(vrf->dynamicRvsHwEntries().size(), 0u);
+}
+
+} // namespace
+
+// ---- dynamic twice: completing half a twice group ----
+
+namespace {
+
+class DynamicTwiceTest : public DynamicTest {
+ protected:
+   // Group 5 under connection mark 42.
+   void rule(char const* srcOld, char const* dstOld, char const* srcNew, char const* dstNew, Vor::U8 proto = 0) {
+      sys().twiceIs(eth1, Ip::Nat::NatTwiceConnection(5, ipp(srcOld), ipp(dstOld), ipp(srcNew), ipp(dstNew),
+                                                       proto, 10));
+      Ip::Nat::NatGroupInfo info;
+      info.group = 5;
+      sys().status()->natGroupInfoIs(42, info);
+   }
+   void addTwice(Lumet::ConnTuple const& t, char const* global, bool destination = false) {
+      auto c = conn(eth1, t, global);
+      c.twiceNatIs(true);
+      c.connMarkIs(42);
+      if (destination) c.targetIs(Ip::Nat::destination);
+      sys().dynamicConnectionStatus()->dynamicConnectionIs(c);
+   }
+   Ptr<Ip::Nat::HwNatTwiceConnection const> hwGroup() {
+      auto hw = sys().hwStatus()->intfStatus(eth1);
+      return hw ? hw->twiceNatConnectionHw(5) : nullptr;
+   }
+};
+
+// The dynamic side supplies exactly the half the rule leaves open; each way
+// of not fitting refuses without touching hardware and leaves the tuple
+// waiting, without the table-full state.
+TEST_F(DynamicTwiceTest, ConnectionCompletesOnlyTheOpenHalfOfItsGroup) {
+   start();
+   // Source half open: connections from anywhere to 198.51.100.5, any port.
+   rule("0.0.0.0", "198.51.100.5", "0.0.0.0", "203.0.113.5");
+   auto const fits = tuple("10.0.0.5:3000", "198.51.100.5:80");
+   addTwice(fits, "192.0.2.5:4000");
+   // Handled inline: twice connections never wait in the backlog.
+   EXPECT_FALSE(pending(fits));
+   ASSERT_TRUE(hwGroup());
+   EXPECT_TRUE(hwGroup()->dynamic());
+   EXPECT_EQ(hwGroup()->entry(fits), Ip::Nat::HwNatTwiceAddr(ipp("192.0.2.5:4000"), ipp("203.0.113.5")));
+   EXPECT_EQ(sys().helper()->twiceEntries(), 2u);
+   EXPECT_EQ(sys().helper()->halfTwicePairs(), 0u);
+   // Protocol 0 in the rule: UDP is as welcome as TCP.
+   auto const udp = tuple("10.0.0.6:3000", "198.51.100.5:53", 17);
+   addTwice(udp, "192.0.2.5:4001");
+   EXPECT_TRUE(hwGroup()->entryHas(udp));
+
+   std::size_t const chipBefore = sys().helper()->twiceEntries();
+   // Wrong destination address; the destination half is the rule's, so a
+   // connection claiming it is refused too.
+   auto const otherDst = tuple("10.0.0.7:3000", "198.51.100.6:80");
+   addTwice(otherDst, "192.0.2.5:4002");
+   auto const claimsDst = tuple("10.0.0.8:3000", "198.51.100.5:80");
+   addTwice(claimsDst, "192.0.2.5:4003", true);
+   // The same pair already serves TCP in the group: UDP on it is refused.
+   auto const sameAsTcp = tuple("10.0.0.5:3000", "198.51.100.5:80", 17);
+   addTwice(sameAsTcp, "192.0.2.5:4004");
+   EXPECT_EQ(sys().helper()->twiceEntries(), chipBefore);
+   EXPECT_EQ(unprogrammed(), 3u);
+   EXPECT_FALSE(sys().root()->natSmStatus()->fullTable());
+   EXPECT_EQ(sys().logs().count("NAT_HW_RESOURCE_FULL"), 0u);
+
+   // The connection's end takes its entry out of hardware; a refused one's
+   // end forgets the tuple.
+   del(eth1, fits);
+   EXPECT_FALSE(hwGroup()->entryHas(fits));
+   del(eth1, otherDst);
+   del(eth1, claimsDst);
+   del(eth1, sameAsTcp);
+   EXPECT_EQ(unprogrammed(), 0u);
+   del(eth1, udp);
+   EXPECT_FALSE(hwGroup());
+   EXPECT_EQ(sys().helper()->twiceEntries(), 0u);
+   EXPECT_TRUE(engine()->dynamicTwice().empty());
+}
+
+TEST_F(DynamicTwiceTest, DestinationConnectionNeedsTheRulesSourceAndProtocol) {
+   start();
+   // Destination half open, source fixed to 10.0.0.5 port 3000, TCP only.
+   rule("10.0.0.5:3000", "0.0.0.0", "192.0.2.9", "0.0.0.0", 6);
+   addTwice(tuple("10.0.0.5:3001", "198.51.100.5:80"), "203.0.113.1:80", true);   // port differs
+   addTwice(tuple("10.0.0.5:3000", "198.51.100.5:53", 17), "203.0.113.1:53", true);  // protocol differs
+   addTwice(tuple("10.0.0.5:3000", "198.51.100.5:80"), "203.0.113.1:8080", false);  // claims the fixed source
+   EXPECT_FALSE(hwGroup());
+   EXPECT_EQ(unprogrammed(), 3u);
+   auto const fits = tuple("10.0.0.5:3000", "198.51.100.6:80");
+   addTwice(fits, "203.0.113.1:8080", true);
+   ASSERT_TRUE(hwGroup());
+   EXPECT_EQ(hwGroup()->entry(fits), Ip::Nat::HwNatTwiceAddr(ipp("192.0.2.9"), ipp("203.0.113.1:8080")));
+
+   // A rule with both old sides configured is static: no dynamic
+   // connection completes it, in either direction.
+   rule("10.0.0.5:3000", "198.51.100.5:80", "192.0.2.9", "203.0.113.9");
+   sys().runUntilIdle();
+   std::size_t const before = unprogrammed();
+   addTwice(tuple("10.0.0.5:3000", "198.51.100.7:80"), "203.0.113.1:8081", true);
+   addTwice(tuple("10.0.0.6:3000", "198.51.100.5:80"), "192.0.2.10:1", false);
+   EXPECT_EQ(unprogrammed(), before + 2);
+}
+
+// A connection whose group is configured only later waits unprogrammed and
+// is completed by the review once the rule is there.
+TEST_F(DynamicTwiceTest, ReviewCompletesAGroupConfiguredAfterItsConnection) {
+   start();
+   Ip::Nat::NatGroupInfo info;
+   info.group = 5;
+   sys().status()->natGroupInfoIs(42, info);
+   auto const t = tuple("10.0.0.5:3000", "198.51.100.5:80");
+   addTwice(t, "192.0.2.5:4000");
+   EXPECT_EQ(unprogrammed(), 1u);
+   sys().twiceIs(eth1, Ip::Nat::NatTwiceConnection(5, ipp("0.0.0.0"), ipp("198.51.100.5"), ipp("0.0.0.0"),
+                                                    ipp("203.0.113.5"), 0, 10));
+   sys().runFor(6.0);
+   ASSERT_TRUE(hwGroup());
+   EXPECT_TRUE(hwGroup()->entryHas(t));
+   EXPECT_EQ(unprogrammed(), 0u);
+   // The rule's removal keeps the live connection as unprogrammed.
+   sys().twiceDel(eth1, 5);
+   EXPECT_FALSE(hwGroup());
+   EXPECT_EQ(unprogrammed(), 1u);
+   EXPECT_EQ(sys().helper()->twiceEntries(), 0u);
+}
+
+} // namespace
+
+// ---- randomized: the chip after the backlog drains ----
+
+namespace {
+
+// Random connection events on three interfaces (each with its own sources, so
+// that no tuple is shared), with random refusals, scheduler runs of random
+// length and random yield budgets. Once refusals stop and the review has had
+// its turn, hardware status, the chip and the watched addresses hold exactly
+// the connections of the table.
+TEST(NatDynamicRandom, HardwareFollowsTheTableOnceTheBacklogDrains) {
+   unsigned const seed = std::getenv("ULONAT_SEED") ? static_cast<unsigned>(std::atoi(std::getenv("ULONAT_SEED")))
+                                                    : std::random_device{}();
+   int const steps = std::getenv("ULONAT_LONG") ? 50000 : 1500;
+   std::cout << "NatDynamicRandom seed " << seed << " steps " << steps << std::endl;
+   std::mt19937 rng(seed);
+   auto pick = [&](int n) { return static_cast<int>(rng() % static_cast<unsigned>(n)); };
+
+   SimOptions options;
+   options.dynamicNatSupported = true;
+   options.capacity = 4096;
+   SimSystem sys(options);
+   sys.vrfIs("default", 0);
+   Lumet::IntfId const intfs[] = {Lumet::IntfId("Ethernet1"), Lumet::IntfId("Ethernet2"), Lumet::IntfId("Ethernet3")};
+   for (int i = 0; i < 3; ++i) {
+      sys.intfIs(intfs[i], "default", intfs[i].stringValue(), {{intfs[i], static_cast<Vor::U16>(10 + i)}});
+   }
+   sys.start();
+   auto const& table = sys.dynamicConnectionStatus();
+
+   auto tupleOf = [](int intf, int n) {
+      std::string const src = "10." + std::to_string(intf + 1) + ".0." + std::to_string(n % 8 + 1) + ":" +
+                              std::to_string(1000 + n / 8);
+      return tuple(src.c_str(), "198.51.100.1:80", n % 5 == 0 ? 17 : 6);
+   };
+   for (int step = 0; step < steps; ++step) {
+      int const intf = pick(3);
+      Lumet::ConnTuple const t = tupleOf(intf, pick(40));
+      Ip::Nat::DynamicConnectionKey const key(intfs[intf], t);
+      switch (pick(10)) {
+      case 0: case 1: case 2: case 3: {
+         std::string const global = "192.0.2." + std::to_string(intf + 1) + ":" + std::to_string(2000 + pick(50));
+         table->dynamicConnectionIs(Ip::Nat::DynamicConnection(key, ipp(global.c_str())));
+         break;
+      }
+      case 4: case 5:
+         table->dynamicConnectionDel(key);
+         break;
+      case 6:
+         sys.helper()->refuseNextIs(static_cast<Vor::U32>(pick(4)));
+         break;
+      case 7:
+         sys.scheduler()->yieldBudgetIs(static_cast<std::uint64_t>(1 + pick(8)));
+         break;
+      case 8:
+         sys.scheduler()->runOne();
+         break;
+      default:
+         sys.runFor(0.5 * pick(12));
+         break;
+      }
+   }
+   // Refusals stop; the review retries what waits on its own cadence, a few
+   // entries per interface and run when the yield budget is small.
+   sys.helper()->refuseNextIs(0);
+   sys.scheduler()->yieldBudgetIs(100);
+   sys.runUntilIdle();
+   for (int review = 0; review < 10 && sys.root()->natSmStatus()->unprogrammedEntries().size(); ++review) {
+      sys.runFor(5.0);
+   }
+
+   std::size_t live = 0;
+   std::map<std::pair<Lumet::IntfId, Lumet::IpAddr>, Vor::U32> watched;
+   std::map<Lumet::IntfId, std::size_t> perIntf;
+   table->dynamicConnectionWalk(Ip::Nat::DynamicConnectionKey(), [&](Ip::Nat::DynamicConnection const& conn) {
+      ++live;
+      auto const hw = sys.dynamicConnectionHwStatus()->dynamicConnectionHw(conn.key());
+      EXPECT_TRUE(hw.present) << conn.key().stringValue();
+      if (hw.present) {
+         EXPECT_EQ(hw.record.globalAddress(), conn.globalAddress()) << conn.key().stringValue();
+      }
+      auto const& chip = sys.helper()->dynamicEntries();
+      auto const src = chip.find(Sim::DynamicChipKey{false, 0, conn.key().connTuple()});
+      EXPECT_TRUE(src != chip.end() && src->second.newIpAndPort == conn.globalAddress())
+         << conn.key().stringValue();
+      ++watched[{conn.key().intfId(), conn.key().connTuple().srcAddr().ip()}];
+      ++perIntf[conn.key().intfId()];
+      return true;
+   });
+   EXPECT_EQ(sys.dynamicConnectionHwStatus()->dynamicConnectionHws(), live);
+   EXPECT_EQ(sys.helper()->dynamicEntries().size(), 2 * live);
+   EXPECT_EQ(sys.root()->natSmStatus()->unprogrammedEntries().size(), 0u);
+   EXPECT_FALSE(sys.root()->natSmStatus()->fullTable());
+   auto const vrf = sys.root()->natSmStatus()->natSmStatusVrf(0);
+   for (auto const& intf : intfs) {
+      auto const engine = sys.root()->natIntfStatusSm(intf);
+      EXPECT_EQ(engine->deferredDynamicNat().size(), 0u);
+      EXPECT_EQ(engine->dynamicWatchedAddr().keyWatchedAddr().size(), perIntf[intf]) << intf.stringValue();
+   }
+   // Each interface holds one reference per connection watching an address.
+   for (auto const& [intfAndAddr, n] : watched) {
+      auto const info = vrf->ipAddrIntfInfo(intfAndAddr.second);
+      ASSERT_TRUE(info) << intfAndAddr.second.stringValue();
+      EXPECT_EQ(info->intf(intfAndAddr.first), n)
+         << intfAndAddr.first.stringValue() << " " << intfAndAddr.second.stringValue();
+   }
+   if (::testing::Test::HasFailure()) std::cout << "NatDynamicRandom failed with seed " << seed << std::endl;
 }
 
 } // namespace

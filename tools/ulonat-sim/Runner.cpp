@@ -98,6 +98,7 @@ void check(Sim::SimSystem const& sys, Event const& e, AsyncRunState const& async
    }
    checkVrf(sys, x.vrf, misses);
    if (sys.async()) checkAsync(sys, x.async, asyncState, misses);
+   checkDynamic(sys, x.dynamic, misses);
    if (misses.empty()) {
       report.passed.push_back(at + "ok");
    } else {
@@ -188,6 +189,8 @@ Report runScenario(Scenario const& scenario) {
          // An event of the asynchronous pipeline.
       } else if (runVrfEvent(sys, e, "at " + timeText(sys.now()) + " s, ", report.failures)) {
          // A VRF NAT event.
+      } else if (runDynamicEvent(sys, e, "at " + timeText(sys.now()) + " s, ", report.passed, report.failures)) {
+         // A dynamic NAT or trap rule event.
       } else if (e.kind == "faultRefCount" || e.kind == "faultLeak") {
          auto const vrfStatus = sys.started() ? sys.root()->natSmStatus()->natSmStatusVrf(e.vrfId)
                                               : Vor::Ptr<Ulo::NatSmStatusVrf>();
@@ -275,6 +278,7 @@ Report runScenario(Scenario const& scenario) {
    }
    report.vrf = vrfReportOf(sys);
    report.async = asyncReportOf(sys, options.shadowRoot, asyncState);
+   report.dynamic = dynamicReportOf(sys);
    (void)hwIntf;
    return report;
 }
@@ -305,6 +309,7 @@ void printReport(std::ostream& os, Report const& r) {
    for (auto const& c : r.chip) os << "  " << c.key << ": " << c.translation << "\n";
    printVrfReport(os, r.vrf);
    printAsyncReport(os, r.async);
+   printDynamicReport(os, r.dynamic);
    if (!r.verifyRuns.empty()) {
       os << "\nVerify:\n";
       for (auto const& v : r.verifyRuns) {
@@ -357,6 +362,7 @@ nlohmann::json reportJson(Report const& r) {
    }
    j["vrf"] = vrfReportJson(r.vrf);
    j["pipeline"] = asyncReportJson(r.async);
+   j["dynamic"] = dynamicReportJson(r.dynamic);
    j["expectations"] = {{"held", r.passed.size()}, {"failed", r.failures}};
    return j;
 }

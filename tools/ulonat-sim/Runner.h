@@ -63,6 +63,7 @@ struct Report {
    std::vector<MessageLine> messages;
    VrfReport vrf;
    AsyncReport async;
+   DynamicReport dynamic;
    std::vector<Snapshot> timeline;
    std::vector<VerifyRun> verifyRuns;
    // Each expectation that held, and each that did not, with its time.

@@ -168,6 +168,7 @@ Expectation expectationOf(Fields const& f, Scenario const& s) {
    }
    loadVrfExpectation(f, e.vrf);
    loadAsyncExpectation(f, e.async, s);
+   loadDynamicExpectation(f, e.dynamic);
    return e;
 }
 
@@ -327,6 +328,8 @@ Scenario loadScenario(std::string const& file, json const& doc, LoadOverrides co
          // A VRF NAT event.
       } else if (loadAsyncEvent(f, e, s, asyncState)) {
          // An event of the asynchronous pipeline.
+      } else if (loadDynamicEvent(f, e)) {
+         // A dynamic NAT or trap rule event.
       } else {
          f.fail("event", "unknown event '" + e.kind + "'");
       }

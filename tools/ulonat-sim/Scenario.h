@@ -12,6 +12,7 @@
 
 #include "sim/SimSystem.h"
 #include "tools/ulonat-sim/ScenarioAsync.h"
+#include "tools/ulonat-sim/ScenarioDynamic.h"
 #include "tools/ulonat-sim/ScenarioVrf.h"
 
 namespace UloNatSim {
@@ -55,6 +56,7 @@ struct Expectation {
    std::map<std::string, std::size_t> helperCalls;
    VrfExpectation vrf;
    AsyncExpectation async;
+   DynamicExpectation dynamic;
 };
 
 struct Event {
@@ -79,6 +81,7 @@ struct Event {
    Ulo::NatMrouteOifSet oifs;
    VrfEventFields vrfFields;
    AsyncEventFields asyncFields;
+   DynamicEventFields dynamicFields;
    Expectation expect;
    // verify: the number of findings the command must report (default 0).
    std::size_t findings = 0;
