@@ -260,18 +260,19 @@ namespace {
 
 class DynamicTwiceTest : public DynamicTest {
  protected:
-   // Group 5 under connection mark 42.
-   void rule(char const* srcOld, char const* dstOld, char const* srcNew, char const* dstNew, Vor::U8 proto = 0) {
-      sys().twiceIs(eth1, Ip::Nat::NatTwiceConnection(5, ipp(srcOld), ipp(dstOld), ipp(srcNew), ipp(dstNew),
+   // Group `group` under connection mark 37 + group (5 under 42).
+   void rule(char const* srcOld, char const* dstOld, char const* srcNew, char const* dstNew, Vor::U8 proto = 0,
+             Vor::U16 group = 5) {
+      sys().twiceIs(eth1, Ip::Nat::NatTwiceConnection(group, ipp(srcOld), ipp(dstOld), ipp(srcNew), ipp(dstNew),
                                                        proto, 10));
       Ip::Nat::NatGroupInfo info;
-      info.group = 5;
-      sys().status()->natGroupInfoIs(42, info);
+      info.group = group;
+      sys().status()->natGroupInfoIs(static_cast<Vor::U16>(37 + group), info);
    }
-   void addTwice(Lumet::ConnTuple const& t, char const* global, bool destination = false) {
+   void addTwice(Lumet::ConnTuple const& t, char const* global, bool destination = false, Vor::U16 group = 5) {
       auto c = conn(eth1, t, global);
       c.twiceNatIs(true);
-      c.connMarkIs(42);
+      c.connMarkIs(static_cast<Vor::U16>(37 + group));
       if (destination) c.targetIs(Ip::Nat::destination);
       sys().dynamicConnectionStatus()->dynamicConnectionIs(c);
    }
@@ -347,12 +348,16 @@ TEST_F(DynamicTwiceTest, DestinationConnectionNeedsTheRulesSourceAndProtocol) {
 
    // A rule with both old sides configured is static: no dynamic
    // connection completes it, in either direction.
-   rule("10.0.0.5:3000", "198.51.100.5:80", "192.0.2.9", "203.0.113.9");
+   rule("10.0.0.5:3000", "198.51.100.5:80", "192.0.2.9", "203.0.113.9", 0, 7);
    sys().runUntilIdle();
    std::size_t const before = unprogrammed();
-   addTwice(tuple("10.0.0.5:3000", "198.51.100.7:80"), "203.0.113.1:8081", true);
-   addTwice(tuple("10.0.0.6:3000", "198.51.100.5:80"), "192.0.2.10:1", false);
+   addTwice(tuple("10.0.0.5:3000", "198.51.100.7:80"), "203.0.113.1:8081", true, 7);
+   addTwice(tuple("10.0.0.6:3000", "198.51.100.5:80"), "192.0.2.10:1", false, 7);
    EXPECT_EQ(unprogrammed(), before + 2);
+   // The complete rule's own entry is all its group holds.
+   auto const hw = sys().hwStatus()->intfStatus(eth1);
+   ASSERT_TRUE(hw && hw->twiceNatConnectionHw(7));
+   EXPECT_EQ(hw->twiceNatConnectionHw(7)->entrys(), 1u);
 }
 
 // A connection whose group is configured only later waits unprogrammed and

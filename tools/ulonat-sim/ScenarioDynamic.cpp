@@ -315,16 +315,22 @@ bool runDynamicEvent(Sim::SimSystem& sys, Event const& e, std::string const& at,
       }
    } else if (e.kind == "trapRuleDel") {
       sys.trapRuleDel(intf, d.trapRule->key);
-   } else if (e.kind == "failNextTrapCommit") {
-      sys.helper()->failNextTrapCommitIs(static_cast<Vor::U32>(e.count));
-   } else if (e.kind == "failNextSliceCommit") {
-      sys.helper()->failNextSliceCommitIs(static_cast<Vor::U32>(e.count));
+   } else if (e.kind == "failNextTrapCommit" || e.kind == "failNextSliceCommit") {
+      if (!sys.helper()) {
+         failures.push_back(at + e.label + ": needs the direct chip; event ignored");
+      } else if (e.kind == "failNextTrapCommit") {
+         sys.helper()->failNextTrapCommitIs(static_cast<Vor::U32>(e.count));
+      } else {
+         sys.helper()->failNextSliceCommitIs(static_cast<Vor::U32>(e.count));
+      }
    } else if (e.kind == "natGroup") {
       Ip::Nat::NatGroupInfo info;
       info.group = e.group;
       sys.status()->natGroupInfoIs(static_cast<Vor::U16>(e.count), info);
    } else if (e.kind == "helperFlag") {
-      if (auto error = sys.helper()->setByName(e.configKey, e.value ? "true" : "false")) {
+      Vor::Ptr<UloHelper::UloHelperNat> helper = sys.helper();
+      if (!helper) helper = sys.asyncHelper();
+      if (auto error = helper->setByName(e.configKey, e.value ? "true" : "false")) {
          failures.push_back(at + e.label + ": " + *error + "; event ignored");
       }
    } else if (e.kind == "dynamicExpect") {
@@ -347,6 +353,11 @@ void checkDynamic(Sim::SimSystem const& sys, DynamicExpectation const& x, std::v
    if (x.dynamicHwTotal) expectEq("dynamic connections in hardware status", *x.dynamicHwTotal, dynamicHwOf(sys, {}));
    for (auto const& [name, n] : x.dynamicHw) {
       expectEq("dynamic connections in hardware status of " + name, n, dynamicHwOf(sys, Lumet::IntfId(name)));
+   }
+   bool const chipExpected = x.chipDynamicEntries || x.trapEntries || x.trapAcls || !x.trapAcl.empty();
+   if (chipExpected && !sys.helper()) {
+      misses.push_back("the chip's dynamic and trap entries are only known with the direct chip");
+      return;
    }
    if (x.chipDynamicEntries) {
       expectEq("dynamic translations on the chip", *x.chipDynamicEntries, sys.helper()->dynamicEntries().size());
