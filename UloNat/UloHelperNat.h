@@ -161,12 +161,12 @@ class UloHelperNat : public Ulo::UloBaseHelper {
                                           IpAddrWithFullMask const& filterAddress, U8 protocol, U16 vlan,
                                           Ip::Nat::StaticKey const& staticKey, NextHop nextHop,
                                           MulticastInfo multicastInfo, bool forward, Ulo::VrfId vrfId);
-   // 8. Composite: programs a static connection, one source and/or one
-   // destination translation per filter address, in filter address order.
-   // Returns true when all were taken (and at once, with no filter address
-   // at all). Returns false at the first refusal or operation left at its
-   // default, leaving what was programmed before in place: undoing it is
-   // the caller's job.
+   // 8. Composite: one source and/or destination translation per filter address, in filter address order.
+   // True when all were taken (at once with no filter address); false at the first refusal or default,
+   // leaving what was programmed in place: undoing it is the caller's job. An add for a key already
+   // programmed is a replace, with no delete first: the hardware must then hold the new rule's entries
+   // only (fewer filter addresses drop the others), so a platform overriding only the single adds
+   // overrides this too and clears the key's entries (the deletes below name the key) before the base.
    virtual bool addStaticIpTranslations(Ip::Nat::NatStaticConnection const& connEntry, U16 vlan,
                                         Ip::Nat::StaticKey const& staticKey, NextHop nextHop,
                                         MulticastInfo multicastInfo, Ulo::VrfId vrfId, bool aclSharing);

@@ -144,7 +144,6 @@ bool SimNatHelper::put(ChipEntryKey const& key, ChipEntry const& entry, bool isU
 
 void SimNatHelper::eraseAll(ChipEntryKey::Kind kind, U16 vlan, Ip::Nat::StaticKey const& staticKey,
                             Ulo::VrfId vrfId) {
-   ++counts_.deletes;
    ChipEntryKey const from{kind, vrfId, vlan, staticKey, lowestFilter, 0, {}};
    auto const inRange = [&](ChipEntryKey const& k) {
       return k.kind == kind && k.vrfId == vrfId && k.vlan == vlan && k.staticKey == staticKey;
@@ -200,6 +199,15 @@ bool SimNatHelper::commitHwTranslations() {
 }
 
 // ---- single-address static operations ----
+
+bool SimNatHelper::addStaticIpTranslations(Ip::Nat::NatStaticConnection const& connEntry, U16 vlan,
+                                           Ip::Nat::StaticKey const& staticKey, NextHop nextHop,
+                                           MulticastInfo multicastInfo, Ulo::VrfId vrfId, bool aclSharing) {
+   eraseAll(ChipEntryKey::Kind::staticSrc, vlan, staticKey, vrfId);
+   eraseAll(ChipEntryKey::Kind::staticDst, vlan, staticKey, vrfId);
+   return UloHelper::UloHelperNat::addStaticIpTranslations(connEntry, vlan, staticKey, std::move(nextHop),
+                                                           std::move(multicastInfo), vrfId, aclSharing);
+}
 
 bool SimNatHelper::putStatic(ChipEntryKey::Kind kind, IpAndPort const& oldIpAndPort,
                              IpAndPort const& newIpAndPort, IpAddrWithFullMask const& filterAddress,

@@ -340,6 +340,16 @@ class SimNatHelper : public UloHelper::UloHelperNat {
                                                   IpAndPort srcIpAndPort, IpAndPort dstIpAndPort,
                                                   Ulo::VrfId vrfId) override;
 
+   // An add for a connection the chip already holds replaces it, as on a
+   // real platform: the connection's entries of both kinds are cleared
+   // (staged in batch mode) before the base class programs the new rule, so
+   // a rule changed to fewer filter addresses leaves none of the dropped
+   // ones behind. Clearing counts no delete; a refused add leaves the
+   // connection cleared, and the engine's undo deletes it anyway.
+   bool addStaticIpTranslations(Ip::Nat::NatStaticConnection const& connEntry, U16 vlan,
+                                Ip::Nat::StaticKey const& staticKey, NextHop nextHop,
+                                MulticastInfo multicastInfo, Ulo::VrfId vrfId, bool aclSharing) override;
+
    // The single-address operations: each builds one chip entry of its kind
    // (a source add carries no next hop and no multicast data), or removes
    // every entry of its kind for the connection.
@@ -388,11 +398,13 @@ class SimNatHelper : public UloHelper::UloHelperNat {
 
    bool deleteStaticSrcIpTranslation(U16 vlan, Ip::Nat::StaticKey const& staticKey, bool,
                                      Ulo::VrfId vrfId) override {
+      ++counts_.deletes;
       eraseAll(ChipEntryKey::Kind::staticSrc, vlan, staticKey, vrfId);
       return true;
    }
    bool deleteStaticDstIpTranslation(U16 vlan, Ip::Nat::StaticKey const& staticKey, bool,
                                      Ulo::VrfId vrfId) override {
+      ++counts_.deletes;
       eraseAll(ChipEntryKey::Kind::staticDst, vlan, staticKey, vrfId);
       return true;
    }
@@ -484,6 +496,8 @@ class SimNatHelper : public UloHelper::UloHelperNat {
    void eraseAcl(TrapAclKey const& key);
    // Whether the chip has room for one more entry, after what is staged.
    bool roomForOne() const;
+   // Removes every entry of one kind of a connection (stages the removal in
+   // batch mode); counts nothing, the callers do.
    void eraseAll(ChipEntryKey::Kind kind, U16 vlan, Ip::Nat::StaticKey const& staticKey,
                  Ulo::VrfId vrfId);
    void eraseOne(ChipEntryKey const& key);

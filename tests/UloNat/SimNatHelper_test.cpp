@@ -91,4 +91,50 @@ TEST(SimNatHelper, SingleAddressOperationsRecordWhatTheyWereGiven) {
    EXPECT_EQ(chip->entriesOf(key, vrf, vlan), 1u);
 }
 
+// A platform's add for a connection it already holds is a replace: the
+// engine changes a rule by adding it again, without deleting it first. A
+// rule cut from three filter addresses to one must leave two entries, not
+// six, and a full chip must still take a rule changed in place.
+TEST(SimNatHelper, AnAddForAHeldConnectionReplacesItsEntries) {
+   IpAddrWithFullMask const filters[] = {filter, IpAddrWithFullMask(IpAddr(0xcb007100u), 0xffffff00u),
+                                         IpAddrWithFullMask(IpAddr(0xc0a80000u), 0xffff0000u)};
+   auto rule = [&](IpAndPort g, std::size_t nFilters) {
+      Ip::Nat::NatStaticConnection conn(key, g, Ip::Nat::source_, 6, 10, true);
+      for (std::size_t i = 0; i < nFilters; ++i) conn.filterAddressIs(filters[i], true);
+      return conn;
+   };
+   IpAndPort const other(IpAddr(0xc0000202u), 8081);
+   for (bool immediate : {true, false}) {
+      SCOPED_TRACE(immediate ? "immediate" : "batch");
+      auto chip = Sim::simNatHelperFactory("chip", 6, immediate);
+      auto add = [&](Ip::Nat::NatStaticConnection const& conn) {
+         bool const ok = chip->addStaticIpTranslations(conn, vlan, key, nullptr, nullptr, vrf, false);
+         return immediate ? ok : ok && chip->commitHwTranslations();
+      };
+      ASSERT_TRUE(add(rule(global, 3)));
+      EXPECT_EQ(chip->entriesOf(key, vrf, vlan), 6u);
+
+      // The chip is full, yet the same connection with another translated
+      // address fits: its old entries make the room.
+      ASSERT_TRUE(add(rule(other, 3)));
+      EXPECT_EQ(chip->entries().size(), 6u);
+      EXPECT_EQ(entryAt(*chip, ChipEntryKey::Kind::staticSrc).newIpAndPort, other);
+
+      // Fewer filter addresses: the dropped ones' entries go.
+      ASSERT_TRUE(add(rule(global, 1)));
+      EXPECT_EQ(chip->entries().size(), 2u);
+      EXPECT_EQ(entryAt(*chip, ChipEntryKey::Kind::staticDst).oldIpAndPort, global);
+      EXPECT_EQ(chip->counts().deletes, 0u);
+      EXPECT_EQ(chip->counts().adds, 14u);
+
+      if (!immediate) {
+         // A replace whose commit fails leaves the chip with the rule it held.
+         chip->failNextCommitIs(1);
+         EXPECT_FALSE(add(rule(other, 3)));
+         EXPECT_EQ(chip->entries().size(), 2u);
+         EXPECT_EQ(entryAt(*chip, ChipEntryKey::Kind::staticDst).oldIpAndPort, global);
+      }
+   }
+}
+
 } // namespace
