@@ -225,6 +225,16 @@ void SimSystem::intfDel(Lumet::IntfId const& intf) {
    status_->intfConfigKeyDel(intf);
 }
 
+void SimSystem::intfWithRulesDel(Lumet::IntfId const& intf) {
+   if (auto is = intfStatusMutable(intf)) {
+      is->staticConnectionDelAll();
+      is->twiceNatConnectionDelAll();
+      is->trapRuleDelAll();
+      runUntilIdle();
+   }
+   intfDel(intf);
+}
+
 void SimSystem::vrfIs(L3::VrfName const& vrf, Ulo::VrfId vrfId) {
    auto v = routeStatus_->vrfStatusIs(vrf);
    v->vrfIdIs(vrfId);

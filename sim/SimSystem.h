@@ -96,7 +96,16 @@ class SimSystem {
    void intfIs(Lumet::IntfId const& intf, L3::VrfName const& vrf, std::string const& configKey,
                std::map<Lumet::IntfId, Vor::U16> const& members);
    void intfVrfIs(Lumet::IntfId const& intf, L3::VrfName const& vrf);
+   // The interface leaves the state store at once, whatever it still holds.
+   // The engine's cleanup of a removed interface programs nothing, so its
+   // rules stay on the chip until hwCleanup at the last interface: this is
+   // an abrupt removal, not what a configuration side does.
    void intfDel(Lumet::IntfId const& intf);
+   // What a configuration side does to remove an interface: its static and
+   // twice connections and trap rules are deleted, the scheduler runs until
+   // idle so that the engine takes them off the chip (a batch commits), and
+   // only then the interface goes.
+   void intfWithRulesDel(Lumet::IntfId const& intf);
    void vrfIs(L3::VrfName const& vrf, Ulo::VrfId vrfId);
    void vrfDel(L3::VrfName const& vrf);
    // Adds or replaces a static connection of an interface.

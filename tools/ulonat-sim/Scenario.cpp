@@ -262,7 +262,7 @@ Scenario loadScenario(std::string const& file, json const& doc, LoadOverrides co
          e.intf = f.intf("intf");
          e.vrf = f.string("vrf");
          if (e.vrf.size() > 100) f.fail("vrf", "longer than 100 bytes");
-      } else if (e.kind == "intfDel") {
+      } else if (e.kind == "intfDel" || e.kind == "intfDelAbrupt") {
          e.intf = f.intf("intf");
          configured.erase(Lumet::IntfId(e.intf).stringValue());
       } else if (e.kind == "vrf") {
