@@ -61,6 +61,10 @@ if(TARGET ulonat-sim)
   ulonat_sim_case(summary 0 "Chip: [1-9][0-9]* of [0-9]+ entries" --summary)
   unset(ULONAT_SIM_CASE_EXTRA)
   ulonat_sim_case(full_report_lists_chip_entries 0 "Chip: [1-9][0-9]* of [0-9]+ entries<NL>  [^ ]")
+  # The JSON report parses and says which layout it has.
+  set(ULONAT_SIM_CASE_EXTRA -DJSON_GET=format -DJSON_EQUALS=1)
+  ulonat_sim_case(json_report_has_format 0 "" --json)
+  unset(ULONAT_SIM_CASE_EXTRA)
 endif()
 
 if(TARGET zaffa-tool)

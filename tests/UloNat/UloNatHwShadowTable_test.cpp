@@ -4,6 +4,7 @@
 #include "tests/Zaffa/ZaffaTestTypes.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 using namespace ZaffaTest;
 
@@ -60,3 +61,62 @@ TEST(UloNatHwShadowTable, StoresShadowEntriesInTheFileFormat) {
    }
    EXPECT_EQ(w.lookup(entry(9999, 0).key())->dirty(), Ulo::NatHwShadowEntry::clearing);
 }
+
+#ifdef ZAFFA_TOOL_PATH
+// zaffa-tool gives a shadow entry field by field, so that a script selects
+// entries by key type, address or VLAN; both JSON outputs say their format.
+TEST(UloNatHwShadowTable, ZaffaToolGivesEntriesFieldByField) {
+   TempDir dir;
+   Zaffa::WriterConfig c = config(dir.path(), 64, 1024);
+   c.className = "NatHwShadow";
+   Ulo::NatHwKey const key(Ulo::NatHwKey::staticDnat, *Lumet::IpAndPort::parse("192.0.2.1:80"),
+                           *Lumet::IpAndPort::parse("10.0.0.1:8080"), {}, {}, Ulo::NatAclId(7), true, 0, 0, 1);
+   Ulo::NatHwData data(6, Lumet::IpAddrWithFullMask(*Lumet::IpAddr::parse("198.51.100.0"), 0xffffff00u), 2, 4001,
+                       false, 0, true);
+   data.vlanIdIs(0, 10);
+   data.vlanIdIs(1, 20);
+   data.egressIntfIs(0, Lumet::IntfId("Ethernet3"));
+   {
+      Zaffa::NatHwShadowWriter w(c);
+      w.attach();
+      w.write(Ulo::NatHwShadowEntry(key, data, Ulo::NatHwShadowEntry::clearing), true);
+      w.write(entry(2, 5), true);
+   }
+
+   ToolRun dump = zaffaTool("dump --json " + dir.path());
+   ASSERT_EQ(dump.status, 0) << dump.output;
+   nlohmann::json doc;
+   ASSERT_NO_THROW(doc = nlohmann::json::parse(dump.output)) << dump.output;
+   EXPECT_EQ(doc["format"], 1);
+   ASSERT_EQ(doc["entries"].size(), 2u) << dump.output;
+   nlohmann::json const* mine = nullptr;
+   for (auto const& e : doc["entries"]) {
+      if (e["key"]["keyType"] == "staticDnat") mine = &e;
+   }
+   ASSERT_NE(mine, nullptr) << dump.output;
+   nlohmann::json const& k = (*mine)["key"];
+   EXPECT_EQ(k["srcIpAndPortOld"], "192.0.2.1:80");
+   EXPECT_EQ(k["srcIpAndPortNew"], "10.0.0.1:8080");
+   EXPECT_EQ(k["aclId"], 7);
+   EXPECT_EQ(k["reverse"], true);
+   EXPECT_EQ(k["filterAddrId"], 1);
+   nlohmann::json const& d = (*mine)["data"];
+   EXPECT_EQ(d["protocol"], 6);
+   EXPECT_EQ(d["filterAddr"], "198.51.100.0/24");
+   EXPECT_EQ(d["numFilterAddrs"], 2);
+   EXPECT_EQ(d["nextHopId"], 4001);
+   EXPECT_EQ(d["multicast"], true);
+   EXPECT_EQ(d["vlanIds"], nlohmann::json({10, 20}));
+   EXPECT_EQ(d["egressIntfs"], nlohmann::json({"Ethernet3"}));
+   EXPECT_EQ((*mine)["dirty"], "clearing");
+
+   ToolRun info = zaffaTool("info --json " + dir.path());
+   ASSERT_EQ(info.status, 0) << info.output;
+   ASSERT_NO_THROW(doc = nlohmann::json::parse(info.output)) << info.output;
+   EXPECT_EQ(doc["format"], 1);
+   EXPECT_EQ(doc["members"], 2);
+   EXPECT_EQ(doc["valueType"], "Ulo::NatHwShadowEntry");
+   EXPECT_EQ(doc["writerRunning"], false);
+   EXPECT_EQ(doc["slotFile"]["cutShort"], false);
+}
+#endif

@@ -1,6 +1,6 @@
 // zaffa-tool: inspect a shared-memory table without changing it.
 //
-//   zaffa-tool info DIR          headers of all files, counts, generation,
+//   zaffa-tool info DIR [--json] headers of all files, counts, generation,
 //                                whether the writer runs, whether an
 //                                operation was interrupted
 //   zaffa-tool validate DIR      the attach-time validator, read-only;
@@ -56,6 +56,10 @@ constexpr auto triesFor = std::chrono::seconds(10);
 constexpr auto betweenTries = std::chrono::milliseconds(10);
 constexpr int exitUnsettled = 3;
 
+// The JSON layout of the tools' outputs. Raise it when a field changes
+// meaning or goes away; adding a field leaves it.
+constexpr int jsonFormat = 1;
+
 // One moment of the table as its writer marks it: each changing operation
 // sets a runtime flag while it runs and counts its change in the queue;
 // resizes raise the versions of the slot and bucket counts.
@@ -103,6 +107,13 @@ class Table {
    Trevine::TrevineView trevine() const { return Trevine::TrevineView(trevineFile_.base()); }
    std::optional<SharedMem::FenixId> fenix() const { return fenix_; }
    U64 slotFileSize() const { return slotFile_.size(); }
+   // The slot file's length as it is now, not as it was mapped: a running
+   // writer may have grown it since.
+   U64 slotFileSizeNow() const {
+      std::error_code ec;
+      auto const n = std::filesystem::file_size(root_.file(Zaffa::FileNames::slots), ec);
+      return ec ? slotFile_.size() : static_cast<U64>(n);
+   }
    Mem::RootPath const& root() const { return root_; }
    // The process that holds the writer lock now; 0 when no writer runs.
    U32 writerPid() const { return Mem::WriterLock(root_.file(Zaffa::FileNames::writerLock)).holderPid(); }
@@ -209,40 +220,70 @@ Reading readWhole(Table& t, U32 writer, int& tries, Read&& read) {
    }
 }
 
-int info(Table const& t) {
+int info(Table const& t, bool json) {
    auto const* h = t.header();
-   std::printf("table: %s\n", t.root().dir().c_str());
-   std::printf("slots: %s\n", h->toString().c_str());
-   std::printf("buckets: %s\n", t.hasBuckets() ? t.buckets().headerToString().c_str() : "missing");
-   std::printf("trevine: %s\n", t.hasTrevine() ? t.trevine().headerToString().c_str() : "missing");
    SharedMem::OwnerFile owner(t.root().file(Zaffa::FileNames::owner));
    std::string error;
-   bool ownerOk = std::filesystem::exists(owner.path()) && owner.open(error);
-   std::printf("owner: %s\n", ownerOk ? owner.headerToString().c_str() : "missing");
-   auto fenix = t.fenix();
-   std::printf("fenix file: %s\n", fenix ? fenix->toString().c_str() : "missing");
-   SharedMem::FenixId id{h->fenix};
-   std::printf("members: %u\ncapacity: %u\nmostSlots: %u\nmaxSlots: %u\n", h->occupiedSlots,
-               h->numSlotsValue(), h->mostSlots, h->maxSlots);
-   std::printf("generation: %u (pid half %u)\n", id.generation(), id.pid());
+   bool const ownerOk = std::filesystem::exists(owner.path()) && owner.open(error);
+   auto const fenix = t.fenix();
+   SharedMem::FenixId const id{h->fenix};
    // The in-operation flag means an interrupted operation only when no
    // writer is left to finish it.
    U32 const writer = t.writerPid();
    bool const flagged = t.stamp().inOperation;
-   std::printf("writer: %s\n", writer ? fmt::format("running, pid {}", writer).c_str() : "not running");
-   std::printf("interrupted: %s\n", !flagged ? "no" : writer ? "no (an operation is in progress)" : "yes");
-   std::string marker = Zaffa::Util::readCorruptionMarker(t.root());
-   std::printf("corruption-detected: %s\n", marker.empty() ? "no" : marker.c_str());
+   std::string const marker = Zaffa::Util::readCorruptionMarker(t.root());
    // A writer grows the file before it counts the new slots, so a file
    // shorter than its counted slots was cut short by something else.
+   // The count is read before the length: a writer that grows the table
+   // lengthens the file first, so a length read after the count that is
+   // short of it was cut, not caught in the middle of a growth.
    U64 const needed = h->headerBytes() + U64{h->numSlotsValue()} * h->slotSize;
-   if (t.slotFileSize() < needed) {
-      std::printf("slot file: cut short: %llu bytes, %llu needed for %u slots\n",
-                  static_cast<unsigned long long>(t.slotFileSize()), static_cast<unsigned long long>(needed),
-                  h->numSlotsValue());
-      return 1;
+   U64 const fileBytes = t.slotFileSizeNow();
+   bool const cutShort = fileBytes < needed;
+
+   if (json) {
+      nlohmann::json doc = {
+         {"format", jsonFormat},
+         {"table", t.root().dir()},
+         {"valueType", h->valueType},
+         {"members", h->occupiedSlots},
+         {"capacity", h->numSlotsValue()},
+         {"mostSlots", h->mostSlots},
+         {"maxSlots", h->maxSlots},
+         {"generation", id.generation()},
+         {"writerPid", writer},
+         {"writerRunning", writer != 0},
+         {"inOperation", flagged},
+         {"interrupted", flagged && !writer},
+         {"corruptionDetected", marker.empty() ? nlohmann::json(nullptr) : nlohmann::json(marker)},
+         {"slotFile", {{"bytes", fileBytes}, {"bytesNeeded", needed}, {"cutShort", cutShort}}},
+         {"headers",
+          {{"slots", h->toString()},
+           {"buckets", t.hasBuckets() ? nlohmann::json(t.buckets().headerToString()) : nlohmann::json(nullptr)},
+           {"trevine", t.hasTrevine() ? nlohmann::json(t.trevine().headerToString()) : nlohmann::json(nullptr)},
+           {"owner", ownerOk ? nlohmann::json(owner.headerToString()) : nlohmann::json(nullptr)},
+           {"fenix", fenix ? nlohmann::json(fenix->toString()) : nlohmann::json(nullptr)}}}};
+      std::printf("%s\n", doc.dump(2).c_str());
+   } else {
+      std::printf("table: %s\n", t.root().dir().c_str());
+      std::printf("slots: %s\n", h->toString().c_str());
+      std::printf("buckets: %s\n", t.hasBuckets() ? t.buckets().headerToString().c_str() : "missing");
+      std::printf("trevine: %s\n", t.hasTrevine() ? t.trevine().headerToString().c_str() : "missing");
+      std::printf("owner: %s\n", ownerOk ? owner.headerToString().c_str() : "missing");
+      std::printf("fenix file: %s\n", fenix ? fenix->toString().c_str() : "missing");
+      std::printf("members: %u\ncapacity: %u\nmostSlots: %u\nmaxSlots: %u\n", h->occupiedSlots,
+                  h->numSlotsValue(), h->mostSlots, h->maxSlots);
+      std::printf("generation: %u (pid half %u)\n", id.generation(), id.pid());
+      std::printf("writer: %s\n", writer ? fmt::format("running, pid {}", writer).c_str() : "not running");
+      std::printf("interrupted: %s\n", !flagged ? "no" : writer ? "no (an operation is in progress)" : "yes");
+      std::printf("corruption-detected: %s\n", marker.empty() ? "no" : marker.c_str());
+      if (cutShort) {
+         std::printf("slot file: cut short: %llu bytes, %llu needed for %u slots\n",
+                     static_cast<unsigned long long>(fileBytes), static_cast<unsigned long long>(needed),
+                     h->numSlotsValue());
+      }
    }
-   return 0;
+   return cutShort ? 1 : 0;
 }
 
 int validate(Table& t) {
@@ -284,7 +325,40 @@ struct Entry {
    bool stable;
    std::string key;
    std::string text;
+   // For hardware-shadow tables: the key and data field by field, as the
+   // JSON dump gives them.
+   nlohmann::json fields;
 };
+
+nlohmann::json keyJson(Ulo::NatHwKey const& k) {
+   return {{"keyType", Ulo::NatHwKey::keyTypeName(k.keyType())},
+           {"srcIpAndPortOld", k.srcIpAndPortOld().stringValue()},
+           {"srcIpAndPortNew", k.srcIpAndPortNew().stringValue()},
+           {"dstIpAndPortOld", k.dstIpAndPortOld().stringValue()},
+           {"dstIpAndPortNew", k.dstIpAndPortNew().stringValue()},
+           {"aclId", k.aclId().value()},
+           {"reverse", k.reverse()},
+           {"dynProto", k.dynProto()},
+           {"groupId", k.groupId()},
+           {"filterAddrId", k.filterAddrId()}};
+}
+
+nlohmann::json dataJson(Ulo::NatHwData const& d) {
+   nlohmann::json vlans = nlohmann::json::array();
+   // A damaged slot may count more cells than the array has.
+   for (U32 i = 0; i < std::min<U32>(d.vlanIds(), Ulo::NatVlanIdIndex::max + 1); ++i) vlans.push_back(d.vlanId(Ulo::NatVlanIdIndex(i)));
+   nlohmann::json egress = nlohmann::json::array();
+   for (U32 i = 0; i < std::min<U32>(d.egressIntfs(), Ulo::NatEgressIntfIndex::max + 1); ++i) egress.push_back(d.egressIntf(Ulo::NatEgressIntfIndex(i)).stringValue());
+   return {{"protocol", d.protocol()},
+           {"filterAddr", d.filterAddr().stringValue()},
+           {"numFilterAddrs", d.numFilterAddrs()},
+           {"nextHopId", d.nextHopId()},
+           {"staticAclSharing", d.staticAclSharing()},
+           {"mcastGroupId", d.mcastGroupId()},
+           {"multicast", d.multicast()},
+           {"vlanIds", vlans},
+           {"egressIntfs", egress}};
+}
 
 // The entries of one chain, in chain order. False when the chain is broken
 // (a link out of the slot file, or a cycle), with the slot in `brokenAt`.
@@ -299,12 +373,15 @@ bool readChain(Table const& t, U32 bucket, std::vector<Entry>& out, U32& brokenA
          brokenAt = l.next;
          return false;
       }
-      Entry e{l.next, 0, false, {}, {}};
+      Entry e{l.next, 0, false, {}, {}, {}};
       e.stable = t.readSlot(l.next, value, e.rhash);
       if (t.shadowEntries()) {
          auto const* v = reinterpret_cast<Ulo::NatHwShadowEntry const*>(value.data());
          e.key = v->key().stringValue();
          e.text = v->stringValue();
+         e.fields = {{"key", keyJson(v->key())},
+                     {"data", dataJson(v->data())},
+                     {"dirty", Ulo::NatHwShadowEntry::dirtyName(v->dirty())}};
       } else {
          e.key = hex(value.data(), std::min<std::size_t>(value.size(), 40));
          e.text = hex(value.data(), value.size());
@@ -339,8 +416,16 @@ int dump(Table& t, bool json) {
       }
       for (Entry const& e : chain) {
          if (json) {
-            entries.push_back({{"slot", e.slot}, {"bucket", b}, {"rhash", e.rhash}, {"stable", e.stable},
-                               {"key", e.key}, {"value", e.text}});
+            // A hardware-shadow entry is its fields, so that jq can select
+            // by any of them; another table's key and value stay hex.
+            nlohmann::json j = {{"slot", e.slot}, {"bucket", b}, {"rhash", e.rhash}, {"stable", e.stable}};
+            if (e.fields.is_null()) {
+               j["key"] = e.key;
+               j["value"] = e.text;
+            } else {
+               j.update(e.fields);
+            }
+            entries.push_back(std::move(j));
          } else {
             std::printf("slot:%u bucket:%u rhash:%#x%s key:%s value:%s\n", e.slot, b, e.rhash,
                         e.stable ? "" : " (unstable)", e.key.c_str(), e.text.c_str());
@@ -352,7 +437,7 @@ int dump(Table& t, bool json) {
    // or appear twice; say so rather than pass the dump off as a snapshot.
    bool const snapshot = !writer || stoodStill(start, t.stamp());
    if (json) {
-      nlohmann::json doc = {{"table", t.root().dir()}, {"valueType", t.header()->valueType},
+      nlohmann::json doc = {{"format", jsonFormat}, {"table", t.root().dir()}, {"valueType", t.header()->valueType},
                             {"members", t.header()->occupiedSlots}, {"snapshot", snapshot},
                             {"entries", entries}};
       std::printf("%s\n", doc.dump(2).c_str());
@@ -405,11 +490,12 @@ int main(int argc, char** argv) {
    char const* const dirHelp = "directory of the table: <root>/<name>/entry";
    auto* infoCmd = app.add_subcommand("info", "headers, counts, capacity, generation; exit 1 on a file cut short");
    infoCmd->add_option("DIR", dir, dirHelp)->required();
+   infoCmd->add_flag("--json", json, "print JSON (with a \"format\" version)");
    auto* validateCmd = app.add_subcommand("validate", "run the validator; exit 0 when valid, 1 when not");
    validateCmd->add_option("DIR", dir, dirHelp)->required();
    auto* dumpCmd = app.add_subcommand("dump", "every entry as text; exit 1 on a broken chain");
    dumpCmd->add_option("DIR", dir, dirHelp)->required();
-   dumpCmd->add_flag("--json", json, "print JSON");
+   dumpCmd->add_flag("--json", json, "print JSON (with a \"format\" version; hardware-shadow entries field by field)");
    try {
       app.parse(argc, argv);
    } catch (CLI::ParseError const& e) {
@@ -417,7 +503,7 @@ int main(int argc, char** argv) {
    }
    try {
       Table table(dir);
-      if (infoCmd->parsed()) return info(table);
+      if (infoCmd->parsed()) return info(table, json);
       if (validateCmd->parsed()) return validate(table);
       return dump(table, json);
    } catch (std::exception const& e) {
