@@ -1,6 +1,8 @@
 # Installs the build into a fresh prefix, then builds and runs the consumer
-# against that prefix twice: with CMake's find_package and with pkg-config.
-#   cmake -DBUILD=dir -DWORK=dir -DSOURCE=consumer -DCXX=c++ -P Consume.cmake
+# against that prefix twice: with CMake's find_package and with pkg-config;
+# then the example agent's two programs, when EXAMPLE names its folder. The
+# library is installed, never rebuilt.
+#   cmake -DBUILD=dir -DWORK=dir -DSOURCE=consumer -DCXX=c++ [-DEXAMPLE=dir] -P Consume.cmake
 function(run what)
   execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE out)
   if(NOT rc EQUAL 0)
@@ -46,3 +48,13 @@ run("compile with pkg-config's flags" ${CXX} -std=c++20 ${SOURCE}/consumer.cpp $
     -Wl,-rpath,${lib_dir} -o ${WORK}/consumer-pc)
 run("run the pkg-config consumer" ${WORK}/consumer-pc)
 message(STATUS "pkg-config consumer: ${run_out}")
+
+if(DEFINED EXAMPLE)
+  run("configure the example agent" ${CMAKE_COMMAND} -S ${EXAMPLE} -B ${WORK}/example
+      -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${CXX} -DCMAKE_BUILD_TYPE=Release)
+  run("build the example agent" ${CMAKE_COMMAND} --build ${WORK}/example)
+  run("run the example agent" ${WORK}/example/example-agent)
+  message(STATUS "example agent:\n${run_out}")
+  run("run the example on the simulated chip" ${WORK}/example/example-sim-chip)
+  message(STATUS "example on the simulated chip: ${run_out}")
+endif()
